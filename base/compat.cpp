@@ -1,0 +1,2 @@
+// POSIX side of the platform layer.
+#include "base/compat.h"

@@ -1,0 +1,350 @@
+// The numbered system calls the machine answers itself: exit, console
+// output, arguments and environment, clocks, random bytes, three text
+// helpers, and the WASI-shaped block from 100 up. Calls 10 to 55 belong to
+// the host object; with no host they answer their defaults here.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <random>
+
+#include "bytecode/zanb_vm_impl.h"
+
+namespace tov::zanb {
+
+uint32_t syscallNeed(uint32_t n) {
+  static const uint8_t kNeed[115] = {
+      1, 3, 3, 3, 0, 2, 0, 3, 0, 0,                    // 0-9
+      6, 6, 6, 6, 6, 6, 6, 6, 6, 6,                    // 10-19
+      0, 0, 6, 6, 30, 1, 2, 1, 1, 5,                   // 20-29
+      2, 1, 1, 1, 1, 1, 0, 0, 5, 0,                    // 30-39
+      3, 1, 3, 1, 1, 1, 3, 3, 1, 2,                    // 40-49
+      2, 3, 1, 1, 2, 1, 0, 0, 0, 0,                    // 50-59
+      0, 0, 0, 0, 0, 0, 0, 0, 0, 0,                    // 60-69
+      0, 0, 0, 0, 0, 0, 0, 0, 0, 0,                    // 70-79
+      0, 0, 0, 0, 0, 0, 0, 0, 0, 0,                    // 80-89
+      0, 0, 0, 0, 0, 0, 0, 0, 0, 0,                    // 90-99
+      4, 4, 2, 2, 2, 2, 3, 2, 2, 2,                    // 100-109
+      4, 1, 0, 4, 1,                                   // 110-114
+  };
+  return n < 115 ? kNeed[n] : 0;
+}
+
+namespace {
+
+// Two independent MT19937-64 generators, one for call 5 and one for 107,
+// shared by every Vm of the process and seeded on first use.
+std::mt19937_64& generator(int which) {
+  static std::mt19937_64 gens[2];
+  static std::once_flag once[2];
+  std::call_once(once[which], [which] {
+    std::random_device rd;
+    gens[which].seed(uint32_t(rd()));
+  });
+  return gens[which];
+}
+
+uint64_t clockNs() {
+  return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                      std::chrono::system_clock::now().time_since_epoch())
+                      .count());
+}
+
+inline uint32_t lo(Value v) { return uint32_t(v); }
+
+}  // namespace
+
+void Vm::Impl::writeOut(int fd, const uint8_t* p, uint64_t n) {
+  const auto& cb = fd == 2 ? config.onStderr : config.onStdout;
+  if (cb) {
+    cb(p, n);
+  } else if (n) {
+    std::fwrite(p, 1, n, fd == 2 ? stderr : stdout);
+  }
+}
+
+void Vm::Impl::printRing() {
+  uint32_t n = std::min<uint32_t>(ringCount, kRingSize);
+  std::fprintf(stderr, "--- last %u instructions ---\n", n);
+  uint32_t first = ringCount > kRingSize ? ringCount % kRingSize : 0;
+  for (uint32_t k = 0; k < n; ++k) {
+    const RingEntry& e = ring[(first + k) % kRingSize];
+    std::fprintf(stderr, "  f%u pc=%u op=%u a=%u b=%u c=%u\n", e.func, e.pc, e.opInfo, e.a, e.b,
+                 e.c);
+  }
+}
+
+namespace {
+
+// Helpers over one Impl for the calls below. Each store goes through memPtr
+// and reports failure, which fails the call.
+struct Guest {
+  Vm::Impl& m;
+
+  bool put32(uint64_t addr, uint32_t v) {
+    uint8_t* p = m.memPtr(addr, 4);
+    if (p) std::memcpy(p, &v, 4);
+    return p != nullptr;
+  }
+  bool put64(uint64_t addr, uint64_t v) {
+    uint8_t* p = m.memPtr(addr, 8);
+    if (p) std::memcpy(p, &v, 8);
+    return p != nullptr;
+  }
+  // A word read without touching `fault`; 0 when out of bounds.
+  uint32_t peek32(uint64_t addr) {
+    uint64_t size = m.memory.size();
+    if (addr > size || size - addr < 4) return 0;
+    uint32_t v;
+    std::memcpy(&v, m.memory.data() + addr, 4);
+    return v;
+  }
+  // Zero-terminated string, read without memPtr: empty when the address is
+  // outside memory, cut at the end of memory.
+  std::string str(uint64_t addr) {
+    uint64_t size = m.memory.size();
+    if (size == 0 || addr >= size) return {};
+    const char* p = reinterpret_cast<const char*>(m.memory.data() + addr);
+    return std::string(p, strnlen(p, size - addr));
+  }
+  // Strings packed with terminators at `area`, their addresses in `table`
+  // (calls 3 and 103).
+  bool putStrings(const std::vector<std::string>& v, uint64_t table, uint64_t area) {
+    uint64_t pos = area;
+    for (size_t i = 0; i < v.size(); ++i) {
+      uint8_t* p = m.memPtr(pos, v[i].size() + 1);
+      if (!p) return false;
+      std::memcpy(p, v[i].data(), v[i].size());
+      p[v[i].size()] = 0;
+      if (!put32(table + 4 * i, uint32_t(pos))) return false;
+      pos += v[i].size() + 1;
+    }
+    return true;
+  }
+  bool putSizes(const std::vector<std::string>& v, uint64_t countAt, uint64_t bytesAt) {
+    uint64_t bytes = 0;
+    for (const std::string& s : v) bytes += s.size() + 1;
+    return put32(countAt, uint32_t(v.size())) && put32(bytesAt, uint32_t(bytes));
+  }
+  // The checks fmt, strcopy and the host text calls share: room for at least
+  // `cap` bytes at `dst`, and a capacity of at least 2.
+  bool roomFor(uint64_t dst, uint64_t cap) {
+    uint64_t size = m.memory.size();
+    return cap >= 2 && dst < size && size - dst >= cap;
+  }
+  uint64_t putText(uint64_t dst, uint64_t cap, std::string s) {
+    if (s.size() > cap - 1) s.resize(cap - 1);
+    std::memcpy(m.memory.data() + dst, s.data(), s.size());
+    m.memory.data()[dst + s.size()] = 0;
+    return s.size();
+  }
+};
+
+// 29: fixed-point text of a signed 32-bit value with 0 to 3 decimals.
+std::string formatFixed(int32_t value, uint32_t decimals, const std::string& suffix) {
+  int64_t mag = value < 0 ? -int64_t(value) : int64_t(value);
+  std::string digits = std::to_string(mag);
+  if (decimals) {
+    size_t d = std::min<uint32_t>(decimals, 3);
+    if (digits.size() <= d) digits.insert(0, d + 1 - digits.size(), '0');
+    digits.insert(digits.size() - d, 1, '.');
+  }
+  if (value < 0) digits.insert(0, 1, '-');
+  return digits + suffix;
+}
+
+// 26: ASCII case-insensitive search; -1 when absent.
+int64_t findNoCase(const std::string& hay, const std::string& needle) {
+  if (needle.empty()) return 0;
+  if (needle.size() > hay.size()) return -1;
+  auto low = [](unsigned char ch) { return ch >= 'A' && ch <= 'Z' ? ch + 32 : ch; };
+  for (size_t i = 0; i + needle.size() <= hay.size(); ++i) {
+    size_t k = 0;
+    while (k < needle.size() && low(hay[i + k]) == low(needle[k])) ++k;
+    if (k == needle.size()) return int64_t(i);
+  }
+  return -1;
+}
+
+}  // namespace
+
+Value Vm::Impl::syscall(uint32_t number, Value* args, bool& ok) {
+  // Calls read their arguments from the frame; numbers whose `need` is
+  // smaller than what they read see 0 past the frame's end.
+  auto A = [&](uint32_t k) -> Value { return k < argsAvail ? args[k] : 0; };
+  if (callTrace)
+    std::fprintf(stderr, "[syscall %u] a0=%u a1=%u a2=%u a3=%u\n", number, lo(A(0)), lo(A(1)),
+                 lo(A(2)), lo(A(3)));
+  Guest g{*this};
+  auto fail = [&]() -> Value {
+    ok = false;
+    return 0;
+  };
+
+  switch (number) {
+    case 0:
+    case 114:
+      exitCode = int32_t(lo(A(0)));
+      exited = true;
+      ok = false;
+      return 0;
+
+    case 1: {
+      uint64_t fd = lo(A(0)), addr = lo(A(1)), len = lo(A(2));
+      if (len == 0 && addr != 0) {
+        while (len < 4096) {
+          const uint8_t* p = memPtr(addr + len, 1);
+          if (!p || *p == 0) break;
+          ++len;
+        }
+      }
+      // A bad range is no failure of the call; the fault waits for the next load.
+      if (const uint8_t* p = memPtr(addr, len)) writeOut(fd == 2 ? 2 : 1, p, len);
+      return len;
+    }
+
+    case 2: case 6: case 111: case 112: case 115:
+      return 0;
+
+    case 3:
+      if (!g.putStrings(config.args, lo(A(1)), lo(A(2)))) return fail();
+      if (!g.put32(lo(A(0)), uint32_t(config.args.size()))) return fail();
+      return 0;
+
+    case 4:
+      return clockNs();
+
+    case 5:
+    case 107: {
+      uint64_t addr = lo(A(0)), len = lo(A(1));
+      uint8_t* p = memPtr(addr, len);
+      if (!p) return fail();
+      std::mt19937_64& gen = generator(number == 5 ? 0 : 1);
+      for (uint64_t k = 0; k < len; k += 8) {
+        uint64_t r = gen();
+        std::memcpy(p + k, &r, std::min<uint64_t>(8, len - k));  // little-endian host
+      }
+      return 0;
+    }
+
+    case 7: {
+      uint64_t area = lo(A(1)), cap = lo(A(2)), used = 0;
+      uint32_t count = 0;
+      for (const std::string& s : config.env) {
+        if (used + s.size() + 1 > cap) break;
+        uint8_t* p = memPtr(area + used, s.size() + 1);
+        if (!p) return fail();
+        std::memcpy(p, s.data(), s.size());
+        p[s.size()] = 0;
+        used += s.size() + 1;
+        ++count;
+      }
+      if (!g.put32(lo(A(0)), count)) return fail();
+      return 0;
+    }
+
+    case 26: {
+      if (memory.size() == 0 || lo(A(1)) >= memory.size()) return 0;
+      return Value(findNoCase(g.str(lo(A(0))), g.str(lo(A(1)))));
+    }
+
+    case 29: {
+      uint64_t dst = lo(A(0)), cap = lo(A(1));
+      if (!g.roomFor(dst, cap)) return 0;
+      std::string suffix = lo(A(4)) ? g.str(lo(A(4))) : std::string();
+      return g.putText(dst, cap, formatFixed(int32_t(lo(A(2))), lo(A(3)), suffix));
+    }
+
+    case 40: {
+      uint64_t dst = lo(A(0)), cap = lo(A(1));
+      if (!g.roomFor(dst, cap)) return 0;
+      return g.putText(dst, cap, g.str(lo(A(2))));
+    }
+
+    case 100: {
+      uint64_t fd = lo(A(0)), iovs = lo(A(1)), n = lo(A(2)), outAt = lo(A(3));
+      if (ringOn) printRing();
+      if (callTrace) {
+        std::fprintf(stderr, "[fd_write fd=%u iovs=%u n=%u]", unsigned(fd), unsigned(iovs),
+                     unsigned(n));
+        for (uint64_t k = 0; k < n && k < 4; ++k) {
+          uint32_t ptr = g.peek32(iovs + 8 * k), len = g.peek32(iovs + 8 * k + 4);
+          std::fprintf(stderr, " iov[%u]=ptr%u len%u '", unsigned(k), ptr, len);
+          for (uint64_t b = 0; b < len && b < 16; ++b) {
+            uint64_t at = uint64_t(ptr) + b;
+            std::fputc(at < memory.size() ? int(memory.data()[at]) : '?', stderr);
+          }
+          std::fputc('\'', stderr);
+        }
+        std::fputc('\n', stderr);
+      }
+      uint64_t total = 0;
+      for (uint64_t k = 0; k < n; ++k) {
+        const uint8_t* w = memPtr(iovs + 8 * k, 4);
+        uint32_t ptr = 0, len = 0;
+        if (w) std::memcpy(&ptr, w, 4);
+        w = memPtr(iovs + 8 * k + 4, 4);
+        if (w) std::memcpy(&len, w, 4);
+        if (!fault.empty()) return fail();  // this read's, or one left from earlier
+        if (len) {
+          if (const uint8_t* p = memPtr(ptr, len)) writeOut(fd == 2 ? 2 : 1, p, len);
+        }
+        total += len;
+      }
+      if (!g.put32(outAt, uint32_t(total))) return fail();
+      return 0;
+    }
+
+    case 101:
+    case 113:
+      if (!g.put32(lo(A(3)), 0)) return fail();
+      return 0;
+    case 102:
+      if (!g.putSizes(config.args, lo(A(0)), lo(A(1)))) return fail();
+      return 0;
+    case 103:
+      if (!g.putStrings(config.args, lo(A(0)), lo(A(1)))) return fail();
+      return 0;
+    case 104:
+      if (!g.putSizes(config.env, lo(A(0)), lo(A(1)))) return fail();
+      return 0;
+    case 105:
+      if (!g.putStrings(config.env, lo(A(0)), lo(A(1)))) return fail();
+      return 0;
+    case 106:
+      if (!g.put64(lo(A(2)), clockNs())) return fail();
+      return 0;
+    case 108: {
+      uint8_t* p = memPtr(lo(A(1)), 24);
+      if (!p) return fail();
+      std::memset(p, 0, 24);
+      p[0] = 2;
+      return 0;
+    }
+    case 109:
+      return 8;
+    case 110:
+      if (!g.put64(lo(A(3)), 0)) return fail();
+      return 0;
+
+    default:
+      break;
+  }
+
+  if (number >= 10 && number <= 55) {
+    // Host calls. Until a host object is attached every call answers its
+    // default: 0, except fetchState (4), storeState (2) and imageState (2).
+    switch (number) {
+      case 31: return 4;
+      case 36: return 2;
+      case 53: return 2;
+      default: return 0;
+    }
+  }
+
+  fault = "unknown syscall " + std::to_string(number);
+  return fail();
+}
+
+}  // namespace tov::zanb

@@ -1,0 +1,24 @@
+// Indices of the run loop's jump table. Typed instructions take four
+// entries (opcode * 4 + type, type codes above 3 folded into f64); untyped
+// ones use opcode * 4. The entries past the opcodes are decoder-made.
+#pragma once
+
+#include <cstdint>
+
+namespace tov::zanb {
+
+enum : uint32_t {
+  kXEnd = 72 * 4,    // fell off the function's end: return nothing
+  kXJumpOut,         // jumped backwards out of the function
+  kXUnknown,         // opcode above 71, or min/max/copysign
+  kXConv,            // convert kind k is kXConv + k
+  kXConvBad = kXConv + 26,
+  kXCount
+};
+
+// The slot stack holds every live frame; a run that needs more traps with
+// "call stack exhausted" rather than exhausting the host.
+inline constexpr uint64_t kMaxStackSlots = uint64_t(1) << 27;
+inline constexpr uint64_t kMaxFrames = uint64_t(1) << 24;
+
+}  // namespace tov::zanb

@@ -1,0 +1,99 @@
+// `zan run`: the choice between module, app and model, and the module route
+// down to the machine.
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "bytecode/zanb.h"
+#include "bytecode/zanb_vm.h"
+#include "cli/commands.h"
+
+namespace {
+
+bool endsWith(const std::string& s, const char* suffix) {
+  size_t n = std::strlen(suffix);
+  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+// The first 64 bytes are a ZAN2 header of kind 6 (app).
+bool isAppContainer(const char* path) {
+  FILE* f = std::fopen(path, "rb");
+  if (!f) return false;
+  unsigned char h[64];
+  size_t got = std::fread(h, 1, sizeof h, f);
+  std::fclose(f);
+  return got == sizeof h && std::memcmp(h, "ZAN2", 4) == 0 && (h[44] | (h[45] << 8)) == 6;
+}
+
+}  // namespace
+
+int runZanbBlob(const uint8_t* bytes, uint64_t size, const std::vector<std::string>& args,
+                const char* path) {
+  tov::zanb::VmConfig cfg;
+  cfg.args = args;
+  cfg.onStdout = [](const uint8_t* p, uint64_t n) {
+    std::fwrite(p, 1, n, stdout);
+    std::fflush(stdout);
+  };
+  cfg.onStderr = [](const uint8_t* p, uint64_t n) { std::fwrite(p, 1, n, stderr); };
+  std::string err;
+  int rc = tov::zanb::runModule(bytes, size, cfg, err);
+  std::fflush(stdout);
+  if (rc < 0) {
+    std::fprintf(stderr, "zan run: %s: %s\n", path, err.c_str());
+    return 1;
+  }
+  return rc;
+}
+
+int cmdRunModuleFile(const char* path, int argc, char** argv, int firstArg) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    std::fprintf(stderr, "zan run: cannot open %s\n", path);
+    return 1;
+  }
+  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<std::string> args{path};
+  for (int i = firstArg; i < argc; ++i) args.emplace_back(argv[i]);
+
+  if (bytes.size() > 3 && std::memcmp(bytes.data(), tov::zanb::kMagic, 4) == 0)
+    return runZanbBlob(bytes.data(), bytes.size(), args, path);
+
+  tov::zanb::Module m;
+  std::string err;
+  if (!tov::zanb::assemble(std::string(bytes.begin(), bytes.end()), m, err)) {
+    std::fprintf(stderr, "zan run: %s is neither ZANB bytecode nor ZANA text\n", path);
+    return 2;
+  }
+  std::vector<uint8_t> blob = tov::zanb::writeModule(m);
+  return runZanbBlob(blob.data(), blob.size(), args, path);
+}
+
+int cmdRun(int argc, char** argv) {
+  if (argc < 3) {
+    std::fputs(
+        "usage: zan run <model.zan> -p PROMPT [options]\n"
+        "       zan run <app.zan> [args...]   (ZANB app container)\n"
+        "       zan run <module.zanb> [args...]\n",
+        stderr);
+    return 2;
+  }
+  std::string path = argv[2];
+  if (endsWith(path, ".zanb") || endsWith(path, ".zana")) return cmdRunModuleFile(argv[2], argc, argv, 3);
+  if (isAppContainer(argv[2])) return cmdRunAppContainer(argv[2], argc, argv, 3);
+  return cmdRunModel(argc, argv);
+}
+
+int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg) {
+  std::fprintf(stderr, "zan run: %s: app containers are not supported by this build yet\n", path);
+  return 2;
+}
+
+// No runtime plugin can be loaded yet, so none claims the file.
+int cmdRunModel(int argc, char** argv) {
+  std::fprintf(stderr, "runtime unavailable for %s (no runtime plugin matched)\n", argv[2]);
+  return 2;
+}

@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include "bytecode/zanb.h"
+TEST(Zanb, Placeholder) { EXPECT_STREQ(tov::zanb::opName(7), "add"); }
