@@ -195,6 +195,16 @@ bool Vm::Impl::validateAndDecode(uint32_t func, std::string& err) {
       else o.a = uint32_t(in.a - start);
     }
   }
+  if (fuseCompares) {
+    for (uint32_t k = 0; k + 1 < n; ++k) {
+      const Insn& cmp = module.code[start + k];
+      const Insn& jump = module.code[start + k + 1];
+      uint32_t op = cmp.op(), jop = jump.op();
+      if (op >= Op_eq && op <= Op_ge_u && (jop == Op_jz || jop == Op_jnz) && jump.b == cmp.a)
+        d[k].x = kXFused + ((op - Op_eq) * 4 + std::min<uint32_t>(cmp.type(), 3)) * 2 +
+                 (jop == Op_jnz ? 1 : 0);
+    }
+  }
   d[n] = DInsn{kXEnd, 0, 0, 0};
   d[n + 1] = DInsn{kXJumpOut, 0, 0, 0};
   validated[func] = 1;
@@ -262,6 +272,7 @@ int Vm::run(std::string& err) {
   m.frames.push_back(Frame{entry, 0, -1, nslots, 0});
 
   bool traced = m.pcTrace || m.ringOn || m.config.stepLimit != 0;
+  m.fuseCompares = !traced;  // the traced loop must see every instruction
   return traced ? m.execTraced(err) : m.execPlain(err);
 }
 

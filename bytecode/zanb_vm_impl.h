@@ -14,7 +14,8 @@ namespace tov::zanb {
 
 // Instructions are decoded once per function, when the function is first
 // entered, into this form: `x` indexes the run loop's jump table and already
-// folds the type code in, jump targets are made relative to the function,
+// folds the type code in (the loop then replaces it by the handler's address
+// offset), jump targets are made relative to the function,
 // and two entries are appended behind the last instruction:
 //   [codeLen]     falling off the end: return with no value;
 //   [codeLen + 1] a jump that left the function backwards: trap.
@@ -83,6 +84,7 @@ struct Vm::Impl {
 
   bool callTrace = false;  // ZAN_ZANB_TRACE
   bool pcTrace = false;    // ZAN_ZANB_PCTRACE
+  bool fuseCompares = false;  // decode compare+branch pairs as one step (plain loop only)
   uint32_t argsAvail = 0;  // slots readable from a syscall's first argument
 
   // The one gate to guest memory: a pointer to [addr, addr+len) or null with

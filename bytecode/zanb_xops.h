@@ -13,7 +13,12 @@ enum : uint32_t {
   kXUnknown,         // opcode above 71, or min/max/copysign
   kXConv,            // convert kind k is kXConv + k
   kXConvBad = kXConv + 26,
-  kXCount
+  // A compare followed by jz/jnz on its result runs as one step in the plain
+  // loop: kXFused + ((op - eq) * 4 + type) * 2 + (jnz ? 1 : 0). The jump
+  // stays decoded behind it, for its target and for jumps that land on it.
+  kXFused,
+  kXCount = kXFused + 10 * 4 * 2
+
 };
 
 // The slot stack holds every live frame; a run that needs more traps with
