@@ -1,2 +1,25 @@
-// POSIX side of the platform layer.
+// POSIX side of the platform layer: only the three helpers; dlopen, mmap and
+// the rest are the system's own.
 #include "base/compat.h"
+
+#ifndef _WIN32
+#include <cerrno>
+#include <ctime>
+
+#include <unistd.h>
+
+int zanCompatGetcwd(char* buf, size_t size) {
+  // getcwd(nullptr, ...) would allocate on glibc; the caller owns the buffer.
+  if (!buf || size == 0) return -1;
+  return getcwd(buf, size) ? 0 : -1;
+}
+
+int zanCompatIsatty(int fd) { return isatty(fd); }
+
+void zanCompatSleepMs(unsigned ms) {
+  timespec left{time_t(ms / 1000), long(ms % 1000) * 1000000L};
+  // A signal cuts nanosleep short; sleep out the rest.
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+#endif
