@@ -204,6 +204,12 @@ bool Vm::Impl::validateAndDecode(uint32_t func, std::string& err) {
         d[k].x = kXFused + ((op - Op_eq) * 4 + std::min<uint32_t>(cmp.type(), 3)) * 2 +
                  (jop == Op_jnz ? 1 : 0);
     }
+    for (uint32_t k = 0; k + 1 < n; ++k) {
+      const Insn& add = module.code[start + k];
+      if (add.op() == Op_add && add.type() <= kI64 && d[k + 1].x >= kXFused &&
+          d[k + 1].x < kXAddThen)
+        d[k].x = kXAddThen + add.type() * 80 + (d[k + 1].x - kXFused);
+    }
   }
   d[n] = DInsn{kXEnd, 0, 0, 0};
   d[n + 1] = DInsn{kXJumpOut, 0, 0, 0};

@@ -17,7 +17,10 @@ enum : uint32_t {
   // loop: kXFused + ((op - eq) * 4 + type) * 2 + (jnz ? 1 : 0). The jump
   // stays decoded behind it, for its target and for jumps that land on it.
   kXFused,
-  kXCount = kXFused + 10 * 4 * 2
+  // An i32/i64 add right before such a pair (a counted loop's step) goes on
+  // to the pair by a direct jump: kXAddThen + type * 80 + (pair - kXFused).
+  kXAddThen = kXFused + 10 * 4 * 2,
+  kXCount = kXAddThen + 2 * 80
 
 };
 
