@@ -23,3 +23,8 @@ int runZanbBlob(const uint8_t* bytes, uint64_t size, const std::vector<std::stri
 // Until then an app container is refused and no runtime claims a model.
 int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg);
 int cmdRunModel(int argc, char** argv);
+
+// Commands that installed plugins provide, for words no row of main's table
+// claims. Gives 0 on success, 4 when no loaded plugin provides `word`, and any
+// other value when the plugin command failed; argv[0] is the command word.
+int runPluginCommand(const char* word, int argc, char** argv);
