@@ -95,7 +95,7 @@ const Row kCommandRows[] = {
 const Row kChatRunRows[] = {
     {"--gpu | --cpu", "runtime backend", "运行后端", "GPU with CPU fallback", "GPU,不可用时回退到 CPU"},
     {"--temp T", "sampling temperature", "采样温度", "0.8"},
-    {"--top-k K", "", "", "40"},
+    {"--top-k K", "top-k sampling", "top-k 采样", "40"},
     {"--top-p P", "nucleus p", "核采样 p", "0.95"},
     {"--seed S", "sampler seed", "采样器种子", "42"},
     {"--max-new N", "max generated tokens; -n N is its alias", "最多生成的 token 数;-n N 是它的别名",
