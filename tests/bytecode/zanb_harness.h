@@ -1,0 +1,147 @@
+// Test-side module builder and runner for the bytecode machine tests.
+// Functions are appended in order; jump targets are absolute code indices,
+// as in the file, so use Prog::here() before adding a function to know its base.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bytecode/zanb.h"
+#include "bytecode/zanb_vm.h"
+
+namespace zanbtest {
+using namespace tov::zanb;
+
+inline Insn op(uint8_t o, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0, uint32_t type = 0) {
+  return Insn{uint32_t(o) | (type << 8), a, b, c};
+}
+inline Insn konst(uint32_t slot, uint64_t v) {
+  return op(Op_const, slot, uint32_t(v), uint32_t(v >> 32), kI64);
+}
+inline Insn sys(uint32_t num, uint32_t result, uint32_t base) {
+  return op(Op_syscall, num, result, base);
+}
+
+struct Prog {
+  Header header{};
+  std::vector<FuncMeta> funcs;
+  std::vector<Global> globals;
+  std::vector<DataSeg> segs;
+  std::string names;
+  std::vector<uint8_t> data;
+  std::vector<Insn> code;
+
+  uint32_t here() const { return uint32_t(code.size()); }
+  uint32_t fn(uint32_t slots, const std::vector<Insn>& body, uint32_t params = 0) {
+    FuncMeta f{};
+    f.slots = slots;
+    f.params = params;
+    f.codeStart = here();
+    f.codeLen = uint32_t(body.size());
+    code.insert(code.end(), body.begin(), body.end());
+    funcs.push_back(f);
+    return uint32_t(funcs.size() - 1);
+  }
+  void seg(uint64_t memOff, const std::string& bytes) {
+    segs.push_back(DataSeg{memOff, bytes.size(), data.size()});
+    data.insert(data.end(), bytes.begin(), bytes.end());
+  }
+  std::vector<uint8_t> bytes() const {
+    return writeModule(header, funcs, globals, segs, names, data, code);
+  }
+};
+
+struct Result {
+  int rc = 0;
+  std::string err, out, errOut;
+};
+
+inline Result run(const Prog& p, VmConfig cfg = {}) {
+  Result r;
+  cfg.onStdout = [&r](const uint8_t* b, uint64_t n) { r.out.append((const char*)b, n); };
+  cfg.onStderr = [&r](const uint8_t* b, uint64_t n) { r.errOut.append((const char*)b, n); };
+  std::vector<uint8_t> bytes = p.bytes();
+  r.rc = runModule(bytes.data(), bytes.size(), cfg, r.err);
+  return r;
+}
+
+// Frames built by eval() have 32 slots; 28..31 are scratch for the dumps
+// below, and guest address kOut is their staging word.
+inline constexpr uint32_t kFrame = 32;
+inline constexpr uint32_t kOut = 0xFF00;
+inline constexpr uint64_t kMark = 0x5A5A5A5A5A5A5A5Aull;
+
+// write(1, addr, len) through the scratch slots.
+inline void dumpMem(std::vector<Insn>& v, uint32_t addr, uint32_t len) {
+  v.push_back(konst(28, 1));
+  v.push_back(konst(29, addr));
+  v.push_back(konst(30, len));
+  v.push_back(sys(1, 31, 28));
+}
+// Slot `s` to stdout as 8 little-endian bytes.
+inline void dumpSlot(std::vector<Insn>& v, uint32_t s) {
+  v.push_back(konst(29, kOut));
+  v.push_back(op(Op_store, 29, s, 0, kI64));
+  dumpMem(v, kOut, 8);
+}
+
+inline uint64_t le64(const std::string& s, size_t at = 0) {
+  uint64_t v = 0;
+  if (s.size() >= at + 8) std::memcpy(&v, s.data() + at, 8);
+  return v;
+}
+
+struct Eval {
+  int rc = 0;
+  std::string err;
+  std::string out;   // what the body itself wrote to stdout
+  std::string errOut;
+  uint64_t value = 0;  // slot 0 after the body
+  std::string mem;   // the dumped memory range
+};
+
+// Loads init[i] into slot i, runs body, then writes slot 0 and `dumpLen`
+// bytes from `dumpAt` to stdout. `p` may carry data segments and header
+// fields but no functions.
+inline Eval eval(const std::vector<uint64_t>& init, const std::vector<Insn>& body, Prog p = {},
+                 VmConfig cfg = {}, uint32_t dumpAt = 0, uint32_t dumpLen = 0) {
+  std::vector<Insn> v;
+  for (size_t i = 0; i < init.size(); i++) v.push_back(konst(uint32_t(i), init[i]));
+  v.insert(v.end(), body.begin(), body.end());
+  dumpSlot(v, 0);
+  if (dumpLen) dumpMem(v, dumpAt, dumpLen);
+  p.fn(kFrame, v);
+  Result r = run(p, cfg);
+  Eval e;
+  e.rc = r.rc;
+  e.err = r.err;
+  e.errOut = r.errOut;
+  size_t tail = 8 + dumpLen;
+  if (r.rc == 0 && r.out.size() >= tail) {
+    size_t at = r.out.size() - tail;
+    e.out = r.out.substr(0, at);
+    e.value = le64(r.out, at);
+    e.mem = r.out.substr(at + 8);
+  } else {
+    e.out = r.out;
+    if (r.rc == 0) ADD_FAILURE() << "dump missing: stdout has " << r.out.size() << " bytes";
+  }
+  return e;
+}
+
+inline std::string hex(uint64_t v) {
+  char b[24];
+  snprintf(b, sizeof b, "0x%llx", (unsigned long long)v);
+  return b;
+}
+
+inline std::string fault(uint64_t addr, uint64_t len, uint64_t size = 131072) {
+  return "zanb trap: memory access out of bounds (addr=" + std::to_string(addr) +
+         " len=" + std::to_string(len) + " size=" + std::to_string(size) + ")";
+}
+
+}  // namespace zanbtest
