@@ -25,6 +25,17 @@ inline Insn konst(uint32_t slot, uint64_t v) {
 inline Insn sys(uint32_t num, uint32_t result, uint32_t base) {
   return op(Op_syscall, num, result, base);
 }
+inline Insn call(uint32_t result, uint32_t fn, uint32_t base) {
+  return op(Op_call, result, fn, base);
+}
+inline Insn exitWith(uint32_t slot) { return sys(0, slot, slot); }
+
+// Little-endian u32 words as bytes, for data segments.
+inline std::string u32s(std::initializer_list<uint32_t> words) {
+  std::string s;
+  for (uint32_t w : words) s.append((const char*)&w, 4);
+  return s;
+}
 
 struct Prog {
   Header header{};

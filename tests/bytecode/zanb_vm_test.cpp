@@ -2,42 +2,38 @@
 // lazy slot validation and every trap text.
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <cstdlib>
 
 #include "tests/bytecode/zanb_harness.h"
 
 namespace {
 using namespace zanbtest;
 
-Insn exitWith(uint32_t slot) { return sys(0, slot, slot); }
-Insn call(uint32_t res, uint32_t fn, uint32_t base) { return op(Op_call, res, fn, base); }
 
-// main: slot 0 = 77, call function 1 with 20, 22 (and 99 behind them, which
-// must not be copied), then exit with slot 0 + 7. The callee is given its base.
-struct CallRow {
-  const char* what;
-  uint32_t params, slots;
-  std::function<std::vector<Insn>(uint32_t base)> body;
-  int want;
-};
-
+// main (pc 0..7): slot 0 = 77, call function 1 with 20, 22 (and 99 behind
+// them, which must not be copied), then exit with slot 0 + 7.
 TEST(VmCall, ResultsReachTheCallersSlot) {
-  const CallRow rows[] = {
-      {"ret slot", 2, 4, [](uint32_t) { return std::vector<Insn>{op(Op_add, 2, 0, 1), op(Op_add, 2, 2, 3), op(Op_ret, 2)}; }, 49},
-      {"falls off the end", 0, 1, [](uint32_t) { return std::vector<Insn>{konst(0, 5)}; }, 7},
-      {"ret none", 0, 1, [](uint32_t) { return std::vector<Insn>{konst(0, 5), op(Op_ret, 0xFFFFFFFF), op(Op_ret, 0)}; }, 7},
-      {"jmp far beyond the end", 0, 1, [](uint32_t) { return std::vector<Insn>{konst(0, 5), op(Op_jmp, 1000), op(Op_ret, 0)}; }, 7},
-      {"jmp to the end", 0, 1, [](uint32_t b) { return std::vector<Insn>{konst(0, 5), op(Op_jmp, b + 3), op(Op_ret, 0)}; }, 7},
-      {"empty callee", 0, 0, [](uint32_t) { return std::vector<Insn>{}; }, 7},
+  struct R {
+    const char* what;
+    uint32_t params, slots;
+    std::vector<Insn> body;
+    int want;
   };
-  for (const CallRow& r : rows) {
-    SCOPED_TRACE(r.what);
+  const R rows[] = {
+      {"ret slot", 2, 4, {op(Op_add, 2, 0, 1), op(Op_add, 2, 2, 3), op(Op_ret, 2)}, 49},
+      {"falls off the end", 0, 1, {konst(0, 5)}, 7},
+      {"ret none", 0, 1, {konst(0, 5), op(Op_ret, 0xFFFFFFFF), op(Op_ret, 0)}, 7},
+      {"jmp far beyond the end", 0, 1, {konst(0, 5), op(Op_jmp, 1000), op(Op_ret, 0)}, 7},
+      {"jmp to the end", 0, 1, {konst(0, 5), op(Op_jmp, 11), op(Op_ret, 0)}, 7},
+      {"empty callee", 0, 0, {}, 7},
+  };
+  for (const R& r : rows) {
     Prog p;
     p.fn(10, {konst(4, 20), konst(5, 22), konst(6, 99), konst(0, 77), call(0, 1, 4), konst(1, 7),
               op(Op_add, 0, 0, 1), exitWith(0)});
-    p.fn(r.slots, r.body(p.here()), r.params);
+    p.fn(r.slots, r.body, r.params);
     Result res = run(p);
-    EXPECT_EQ(res.rc, r.want) << res.err;
+    EXPECT_EQ(res.rc, r.want) << r.what << ": " << res.err;
   }
 }
 
@@ -45,47 +41,86 @@ TEST(VmCall, RecursionGetsFreshFrames) {
   Prog p;
   p.fn(2, {konst(0, 5), call(1, 1, 0), exitWith(1)});
   uint32_t b = p.here();  // fact(n): n == 0 ? 1 : n * fact(n - 1)
-  p.fn(4, {op(Op_jnz, b + 3, 0), konst(1, 1), op(Op_ret, 1), konst(1, 1), op(Op_sub, 2, 0, 1, kI64),
-           call(3, 1, 2), op(Op_mul, 1, 0, 3, kI64), op(Op_ret, 1)},
+  p.fn(4,
+       {op(Op_jnz, b + 3, 0), konst(1, 1), op(Op_ret, 1), konst(1, 1), op(Op_sub, 2, 0, 1, kI64),
+        call(3, 1, 2), op(Op_mul, 1, 0, 3, kI64), op(Op_ret, 1)},
        1);
   EXPECT_EQ(run(p).rc, 120);
 }
 
+TEST(VmCall, DeepRecursionUsesNoHostStack) {
+  Prog p;
+  p.fn(2, {konst(0, 200000), call(1, 1, 0), exitWith(1)});
+  uint32_t b = p.here();  // depth(n): n == 0 ? 0 : depth(n - 1) + 1
+  p.fn(4,
+       {op(Op_jz, b + 5, 0), konst(1, 1), op(Op_sub, 2, 0, 1), call(3, 1, 2), op(Op_add, 0, 3, 1),
+        op(Op_ret, 0)},
+       1);
+  EXPECT_EQ(run(p).rc, 200000);
+}
+
+// c + params is checked in full width: a callee claiming 2^32 - 1 params
+// must not wrap the check and copy past the caller's frame.
+TEST(VmCall, ParamCountDoesNotWrapTheFrameCheck) {
+  Prog p;
+  p.fn(4, {call(0, 1, 1)});
+  p.fn(4, {}, 0xFFFFFFFF);
+  Result r = run(p);
+  EXPECT_EQ(r.rc, -1);
+  EXPECT_EQ(r.err, "zanb trap: call argument base out of frame");
+}
+
 TEST(VmStart, EntryAndLoadFailures) {
+  const char* lim = "zanb: initial memory exceeds the configured limit";
+  const char* range = "zanb: entry function out of range";
+  const uint64_t k4G = 0x100000000;
   struct Row {
     const char* what;
-    std::function<void(Prog&, VmConfig&)> build;
+    bool noFuncs;
+    uint32_t entry;
+    uint64_t minPages, memLimit, segAt;
     int rc;
     const char* err;
   };
-  const Row rows[] = {
-      {"empty entry exits 0", [](Prog& p, VmConfig&) { p.fn(0, {}); }, 0, ""},
-      {"entry result is dropped", [](Prog& p, VmConfig&) { p.fn(1, {konst(0, 5), op(Op_ret, 0)}); }, 0, ""},
-      {"entry index, no arguments", [](Prog& p, VmConfig&) {
-         p.header.entry = 1;
-         p.fn(1, {op(Op_trap, 0)});
-         p.fn(2, {konst(1, 3), op(Op_add, 1, 1, 0), exitWith(1)}, 1);
-       }, 3, ""},
-      {"no functions", [](Prog&, VmConfig&) {}, -1, "zanb: module has no functions"},
-      {"entry out of range", [](Prog& p, VmConfig&) { p.header.entry = 1; p.fn(0, {}); }, -1, "zanb: entry function out of range"},
-      {"entry max", [](Prog& p, VmConfig&) { p.header.entry = 0xFFFFFFFF; p.fn(0, {}); }, -1, "zanb: entry function out of range"},
-      {"memory limit below the initial memory", [](Prog& p, VmConfig& c) { c.memLimit = 131071; p.fn(0, {}); }, -1, "zanb: initial memory exceeds the configured limit"},
-      {"memory limit equal to it", [](Prog& p, VmConfig& c) { c.memLimit = 131072; p.fn(0, {}); }, 0, ""},
-      {"limit below explicit pages", [](Prog& p, VmConfig& c) { p.header.memMinPages = 3; c.memLimit = 196607; p.fn(0, {}); }, -1, "zanb: initial memory exceeds the configured limit"},
-  };
+  const Row rows[] = {{"empty entry exits 0", false, 0, 0, k4G, 0, 0, ""},
+                      {"no functions", true, 0, 0, k4G, 0, -1, "zanb: module has no functions"},
+                      {"entry out of range", false, 1, 0, k4G, 0, -1, range},
+                      {"entry max", false, 0xFFFFFFFF, 0, k4G, 0, -1, range},
+                      {"limit below the initial memory", false, 0, 0, 131071, 0, -1, lim},
+                      {"limit equal to it", false, 0, 0, 131072, 0, 0, ""},
+                      {"limit below explicit pages", false, 0, 3, 196607, 0, -1, lim},
+                      {"pages past the default limit", false, 0, 65537, k4G, 0, -1, lim},
+                      {"pages * 65536 wrapping to 0", false, 0, 1ull << 48, k4G, 0, -1, lim},
+                      {"segments ignore the limit", false, 0, 0, 131072, 200000, 0, ""}};
   for (const Row& r : rows) {
-    SCOPED_TRACE(r.what);
     Prog p;
+    p.header.entry = r.entry;
+    p.header.memMinPages = r.minPages;
+    if (!r.noFuncs) p.fn(0, {});
+    if (r.segAt) p.seg(r.segAt, "x");
     VmConfig cfg;
-    r.build(p, cfg);
+    cfg.memLimit = r.memLimit;
     Result res = run(p, cfg);
-    EXPECT_EQ(res.rc, r.rc);
-    EXPECT_EQ(res.err, r.err);
+    EXPECT_EQ(res.rc, r.rc) << r.what;
+    EXPECT_EQ(res.err, r.err) << r.what;
   }
   std::vector<uint8_t> junk(64, 0);
   std::string err;
   EXPECT_EQ(runModule(junk.data(), junk.size(), VmConfig{}, err), -1);
   EXPECT_EQ(err, "zanb: bad magic");
+}
+
+// The entry function's result is no exit code, and it gets no arguments
+// whatever its params say.
+TEST(VmStart, EntryFunction) {
+  Prog p;
+  p.fn(1, {konst(0, 5), op(Op_ret, 0)});
+  EXPECT_EQ(run(p).rc, 0);
+  Prog q;
+  q.header.entry = 1;
+  q.fn(1, {op(Op_trap, 0)});
+  q.fn(2, {konst(1, 3), op(Op_add, 1, 1, 0), exitWith(1)}, 1);
+  EXPECT_EQ(run(q).rc, 3);
 }
 
 TEST(VmStart, SecondRunGivesTheExitCode) {
@@ -104,7 +139,8 @@ TEST(VmStepLimit, CountsEveryInstructionOfTheRun) {
     uint32_t limit, nops;
     bool traps;
   };
-  for (Row r : {Row{5, 5, false}, Row{5, 6, true}, Row{0, 50, false}, Row{1, 1, false}, Row{1, 2, true}}) {
+  for (Row r :
+       {Row{5, 5, false}, Row{5, 6, true}, Row{0, 50, false}, Row{1, 1, false}, Row{1, 2, true}}) {
     SCOPED_TRACE(std::to_string(r.limit) + " / " + std::to_string(r.nops));
     Prog p;
     p.fn(1, std::vector<Insn>(r.nops, op(Op_nop)));
@@ -187,24 +223,27 @@ TEST(VmTrap, TrapTexts) {
       {"unknown syscall 99", 3, {sys(99, 0, 0)}, "unknown syscall 99"},
       {"unknown syscall 116", 3, {sys(116, 0, 0)}, "unknown syscall 116"},
       {"unknown syscall max", 3, {sys(0xFFFFFFFF, 0, 0)}, "unknown syscall 4294967295"},
-      {"load fault", 2, {konst(1, 131069), op(Op_load, 0, 1, 0, kI32)}, "memory access out of bounds (addr=131069 len=4 size=131072)"},
+      {"load fault", 2, {konst(1, 131069), op(Op_load, 0, 1, 0, kI32)},
+       fault(131069, 4).substr(11)},
   });
 }
 
 TEST(VmTrap, SlotValidationByOpcode) {
   auto slotErr = [](uint32_t pc, uint32_t o, uint32_t a, uint32_t b, uint32_t c, uint32_t n) {
-    return "slot out of range: pc " + std::to_string(pc) + " op " + std::to_string(o) + " a=" + std::to_string(a) +
-           " b=" + std::to_string(b) + " c=" + std::to_string(c) + " frameSlots=" + std::to_string(n);
+    return "slot out of range: pc " + std::to_string(pc) + " op " + std::to_string(o) +
+           " a=" + std::to_string(a) + " b=" + std::to_string(b) + " c=" + std::to_string(c) +
+           " frameSlots=" + std::to_string(n);
   };
   runTrapRows({
       {"trap code counts as a slot", 7, {op(Op_trap, 7)}, slotErr(1, 71, 7, 0, 0, 7)},
       {"convert kind counts as a slot", 7, {op(Op_convert, 0, 1, 7)}, slotErr(1, 68, 0, 1, 7, 7)},
       {"nop in 0 slots", 0, {op(Op_nop)}, slotErr(1, 0, 0, 0, 0, 0)},
-      {"first bad one wins", 2, {op(Op_nop), op(Op_add, 5), op(Op_add, 0, 6)}, slotErr(2, 7, 5, 0, 0, 2)},
-      {"checked before anything runs", 9, {op(Op_trap, 3), op(Op_trap, 9)}, slotErr(2, 71, 9, 0, 0, 9)},
+      {"first bad wins", 2, {op(Op_nop), op(Op_add, 5), op(Op_or, 6)}, slotErr(2, 7, 5, 0, 0, 2)},
+      {"before anything runs", 9, {op(Op_trap, 3), op(Op_trap, 9)}, slotErr(2, 71, 9, 0, 0, 9)},
       {"jmp unchecked", 1, {op(Op_jmp, 500, 7, 7)}, ""},
       {"ret none in 0 slots", 0, {op(Op_ret, 0xFFFFFFFF, 3, 3)}, ""},
       {"ret a", 1, {op(Op_ret, 1)}, slotErr(1, 61, 1, 0, 0, 1)},
+      {"ret top bit only", 1, {op(Op_ret, 0x80000000)}, slotErr(1, 61, 0x80000000, 0, 0, 1)},
       {"const checks a only", 1, {op(Op_const, 0, 99, 99)}, ""},
       {"const a", 1, {op(Op_const, 1)}, slotErr(1, 1, 1, 0, 0, 1)},
       {"getg checks a only", 1, {op(Op_getg, 0, 1, 9)}, ""},
@@ -259,7 +298,8 @@ TEST(VmTrap, ValidationIsLazy) {
 }
 
 // Counted loops: add, compare, branch back. Slot 0 is the counter, 4 the
-// step, 2 the bound; pc 0..4 load them, the loop is pc 5..7.
+// step, 2 the bound; pc 0..10 load the slots, pc 11..13 stop a runaway loop
+// after 1000 rounds, pc 14..16 are the step under test.
 TEST(VmLoop, AddCompareBranch) {
   struct R {
     uint32_t addType;
@@ -270,27 +310,55 @@ TEST(VmLoop, AddCompareBranch) {
   };
   const uint64_t half = 0x3FE0000000000000, two = 0x4000000000000000;
   const R rows[] = {
-      {kI32, Op_lt_s, kI32, Op_jnz, 0, 1, 5, 5},
-      {kI64, Op_gt_s, kI64, Op_jnz, 9, ~0ull, 2, 2},
+      {kI32, Op_lt_s, kI32, Op_jnz, 0, 1, 5, 5}, {kI64, Op_gt_s, kI64, Op_jnz, 9, ~0ull, 2, 2},
       {kI32, Op_eq, kI32, Op_jz, 0xFFFFFFFE, 1, 2, 2},
       {kI32, Op_lt_s, kI32, Op_jnz, 0xFFFFFFFF00000000, 1, 3, 3},
       {kI64, Op_lt_u, kI64, Op_jnz, 0, 0x100000000, 0x300000000, 0x300000000},
-      {kI32, Op_ne, kI32, Op_jnz, 0, 3, 9, 9},
-      {kF64, Op_lt_s, kF64, Op_jnz, 0, half, two, two},
+      {kI32, Op_ne, kI32, Op_jnz, 0, 3, 9, 9}, {kF64, Op_lt_s, kF64, Op_jnz, 0, half, two, two},
       {kI64, Op_lt_s, kI32, Op_jnz, 0xFFFFFFFF, 1, 2, 0x100000002},  // i32 view: -1, 0, 1, 2
+      {kF32, Op_lt_u, kF32, Op_jnz, 0, 0x3F000000, 0x40000000, 0x40000000},
+      {kI64, Op_ge_u, kI64, Op_jz, 0, 0x100000000, 0x300000000, 0x300000000},
+      {kI64, Op_eq, kI64, Op_jz, 0xFFFFFFFE, 1, 0x100000001, 0x100000001},
   };
   for (const R& r : rows) {
-    Eval e = eval({r.start, 0, r.bound, 0, r.step},
-                  {op(Op_add, 0, 0, 4, r.addType), op(r.cmp, 3, 0, 2, r.cmpType), op(r.br, 5, 3)});
-    EXPECT_EQ(hex(e.value), hex(r.want)) << opName(r.cmp) << "." << typeName(r.cmpType) << " from " << hex(r.start) << e.err;
+    Eval e =
+        eval({r.start, 0, r.bound, 0, r.step, 0, 0, 0, 1, 0, 1000},
+             {op(Op_add, 7, 7, 8, kI64), op(Op_gt_u, 9, 7, 10, kI64), op(Op_jnz, 17, 9),  // guard
+              op(Op_add, 0, 0, 4, r.addType), op(r.cmp, 3, 0, 2, r.cmpType), op(r.br, 11, 3)});
+    EXPECT_EQ(hex(e.value), hex(r.want))
+        << opName(r.cmp) << "." << typeName(r.cmpType) << " from " << hex(r.start) << e.err;
   }
+}
+
+TEST(VmLoop, WholePrograms) {
+  Prog fib;  // fib(20) by double recursion
+  fib.fn(2, {konst(0, 20), call(1, 1, 0), exitWith(1)});
+  const uint32_t b = fib.here();
+  fib.fn(6,
+         {konst(1, 2), op(Op_lt_s, 2, 0, 1), op(Op_jz, b + 4, 2), op(Op_ret, 0), konst(1, 1),
+          op(Op_sub, 2, 0, 1), call(3, 1, 2), konst(1, 2), op(Op_sub, 2, 0, 1), call(4, 1, 2),
+          op(Op_add, 5, 3, 4), op(Op_ret, 5)},
+         1);
+  EXPECT_EQ(run(fib).rc, 6765);
+
+  Prog sieve;  // primes below 1000, flags at 0x1000
+  sieve.fn(10, {konst(1, 2), konst(2, 1000), konst(8, 1), konst(7, 0),
+                op(Op_ge_u, 3, 1, 2), op(Op_jnz, 17, 3),                 // 4: outer, i < N
+                op(Op_load8_u, 4, 1, 0x1000), op(Op_jnz, 15, 4),         // composite: next
+                op(Op_add, 7, 7, 8), op(Op_mul, 5, 1, 1),                // count, j = i * i
+                op(Op_lt_u, 3, 5, 2), op(Op_jz, 15, 3),                  // 10: inner, j < N
+                op(Op_store8, 5, 8, 0x1000), op(Op_add, 5, 5, 1), op(Op_jmp, 10),
+                op(Op_add, 1, 1, 8), op(Op_jmp, 4),                      // 15: next i
+                exitWith(7)});
+  EXPECT_EQ(run(sieve).rc, 168);
 }
 
 TEST(VmLoop, StepLimitCountsEachInstructionOfTheLoop) {
   // 2 setup + 5 rounds of add, lt_s, jnz + exit = 18 instructions.
   for (uint32_t limit = 1; limit <= 19; limit++) {
     Prog p;
-    p.fn(8, {konst(2, 5), konst(4, 1), op(Op_add, 1, 1, 4), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 2, 3), exitWith(1)});
+    p.fn(8, {konst(2, 5), konst(4, 1), op(Op_add, 1, 1, 4), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 2, 3),
+             exitWith(1)});
     VmConfig cfg;
     cfg.stepLimit = limit;
     Result r = run(p, cfg);
@@ -307,11 +375,20 @@ TEST(VmLoop, FunctionEndStopsCompareAndBranch) {
     std::vector<Insn> f1, f2;
   };
   const R rows[] = {
-      {"ends with an add", {konst(1, 1), konst(2, 5), op(Op_add, 0, 1, 2)}, {op(Op_lt_s, 3, 1, 2), op(Op_jnz, 8, 3), op(Op_trap, 1)}},
-      {"ends with a compare", {konst(1, 1), konst(2, 5), op(Op_lt_s, 3, 1, 2)}, {op(Op_jnz, 7, 3), op(Op_trap, 1)}},
-      {"branch far beyond", {konst(1, 1), konst(2, 5), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 1000, 3), op(Op_trap, 2)}, {}},
-      {"branch to the end", {konst(1, 1), konst(2, 5), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 8, 3), op(Op_trap, 2)}, {op(Op_trap, 1)}},
-      {"add then branch beyond", {konst(1, 1), konst(2, 5), op(Op_add, 1, 1, 1), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 500, 3)}, {op(Op_trap, 1)}},
+      {"ends with an add",
+       {konst(1, 1), konst(2, 5), op(Op_add, 0, 1, 2)},
+       {op(Op_lt_s, 3, 1, 2), op(Op_jnz, 8, 3), op(Op_trap, 1)}},
+      {"ends with a compare",
+       {konst(1, 1), konst(2, 5), op(Op_lt_s, 3, 1, 2)},
+       {op(Op_jnz, 7, 3), op(Op_trap, 1)}},
+      {"branch far beyond",
+       {konst(1, 1), konst(2, 5), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 1000, 3), op(Op_trap, 2)}, {}},
+      {"branch to the end",
+       {konst(1, 1), konst(2, 5), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 8, 3), op(Op_trap, 2)},
+       {op(Op_trap, 1)}},
+      {"add then branch beyond",
+       {konst(1, 1), konst(2, 5), op(Op_add, 1, 1, 1), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 500, 3)},
+       {op(Op_trap, 1)}},
   };
   for (const R& r : rows) {
     Prog p;
@@ -322,6 +399,112 @@ TEST(VmLoop, FunctionEndStopsCompareAndBranch) {
     EXPECT_EQ(res.rc, 7) << r.what;
     EXPECT_EQ(res.err, "") << r.what;
   }
+}
+
+// Diagnostic switches come from the environment and print to the process's
+// standard error, so these tests set the variables and capture fd 2.
+struct EnvVars {
+  std::vector<std::string> names;
+  EnvVars(std::initializer_list<std::pair<const char*, const char*>> vars) {
+    for (auto& [n, v] : vars) {
+      setenv(n, v, 1);
+      names.push_back(n);
+    }
+  }
+  ~EnvVars() {
+    for (auto& n : names) unsetenv(n.c_str());
+  }
+};
+
+Result runTraced(const Prog& p, std::initializer_list<std::pair<const char*, const char*>> vars,
+                 std::string& trace) {
+  EnvVars env(vars);
+  testing::internal::CaptureStderr();
+  Result r = run(p);
+  trace = testing::internal::GetCapturedStderr();
+  return r;
+}
+
+TEST(VmTrace, ProgramCounterTrace) {
+  Prog p;
+  p.fn(1, {call(0, 1, 0)});
+  p.fn(8, {konst(2, 2), konst(4, 1), op(Op_add, 1, 1, 4), op(Op_lt_s, 3, 1, 2), op(Op_jnz, 3, 3)});
+  std::string trace;
+  Result r = runTraced(p, {{"ZAN_ZANB_PCTRACE", "1"}}, trace);
+  EXPECT_EQ(r.rc, 0) << r.err;
+  const std::string loop =
+      "f1 pc=3 op=7 a=1 b=1 c=4\nf1 pc=4 op=34 a=3 b=1 c=2\nf1 pc=5 op=58 a=3 b=3 c=0\n";
+  EXPECT_EQ(trace,
+            "f0 pc=0 op=59 a=0 b=1 c=0\nf1 pc=1 op=1 a=2 b=2 c=0\nf1 pc=2 op=1 a=4 b=1 c=0\n" +
+                loop + loop);
+}
+
+TEST(VmTrace, CallAndSyscallTrace) {
+  Prog p;
+  p.seg(0x100, "hello");
+  p.seg(0x300, u32s({0x100, 5, 131070, 4}));
+  p.seg(131070, "AB");
+  p.fn(6, {konst(5, 11), call(0, 1, 5)});
+  p.fn(8,
+       {konst(3, 0xFFFFFFFF00000007), sys(109, 0, 2), konst(2, 1), konst(3, 0x300), konst(4, 2),
+        konst(5, 0x380), sys(100, 0, 2)},
+       1);
+  std::string trace;
+  Result r = runTraced(p, {{"ZAN_ZANB_TRACE", "1"}}, trace);
+  EXPECT_EQ(r.rc, 0) << r.err;
+  EXPECT_EQ(r.out, "hello");
+  EXPECT_EQ(trace,
+            "[call f1 argc=1 base=5 a0=11 a1=0 a2=0]\n"
+            "[syscall 109] a0=0 a1=7 a2=0 a3=0\n"
+            "[syscall 100] a0=1 a1=768 a2=2 a3=896\n"
+            "[fd_write fd=1 iovs=768 n=2] iov[0]=ptr256 len5 'hello' iov[1]=ptr131070 len4 'AB?"
+            "?'\n");
+}
+
+// fd_write with no iovecs prints the ring: every instruction so far,
+// the fd_write itself included, with the whole opInfo word.
+TEST(VmTrace, InstructionRing) {
+  Prog p;
+  p.fn(1, {konst(0, 5), call(0, 1, 0)});
+  p.fn(16, {konst(10, 1), konst(11, 0x300), konst(13, 0x380), sys(100, 0, 10), sys(100, 0, 10)});
+  const std::string setup =
+      "  f0 pc=0 op=257 a=0 b=5 c=0\n  f0 pc=1 op=59 a=0 b=1 c=0\n  f1 pc=2 op=257 a=10 b=1 c=0\n"
+      "  f1 pc=3 op=257 a=11 b=768 c=0\n  f1 pc=4 op=257 a=13 b=896 c=0\n";
+  const std::string fd1 = "  f1 pc=5 op=70 a=100 b=0 c=10\n",
+                    fd2 = "  f1 pc=6 op=70 a=100 b=0 c=10\n";
+  std::string trace;
+  EXPECT_EQ(runTraced(p, {{"ZAN_ZANB_RING", ""}}, trace).rc, 0);
+  EXPECT_EQ(trace, "--- last 6 instructions ---\n" + setup + fd1 + "--- last 7 instructions ---\n" +
+                       setup + fd1 + fd2);
+  runTraced(p, {{"ZAN_ZANB_RING", "0"}, {"ZAN_ZANB_RING_LO", "1"}, {"ZAN_ZANB_RING_HI", "5"}},
+            trace);
+  EXPECT_EQ(trace, "--- last 5 instructions ---\n" + setup.substr(setup.find("  f0 pc=1")) + fd1 +
+                       "--- last 5 instructions ---\n" + setup.substr(setup.find("  f0 pc=1")) +
+                       fd1);
+  runTraced(p, {{"ZAN_ZANB_RING", "1"}, {"ZAN_ZANB_RING_FUNC", "0"}}, trace);
+  EXPECT_EQ(trace, "--- last 2 instructions ---\n" + setup.substr(0, setup.find("  f1")) +
+                       "--- last 2 instructions ---\n" + setup.substr(0, setup.find("  f1")));
+}
+
+TEST(VmTrace, RingKeepsTheLast4096) {
+  // 2 setup + 3 per round; 1500 rounds, then fd_write: 4503 entries.
+  Prog p;
+  p.fn(16, {konst(2, 1500), konst(4, 1), op(Op_add, 1, 1, 4), op(Op_lt_u, 3, 1, 2),
+            op(Op_jnz, 2, 3), sys(100, 0, 10)});
+  std::vector<std::string> all = {"  f0 pc=0 op=257 a=2 b=1500 c=0\n",
+                                  "  f0 pc=1 op=257 a=4 b=1 c=0\n"};
+  for (int i = 0; i < 1500; i++) {
+    all.push_back("  f0 pc=2 op=7 a=1 b=1 c=4\n");
+    all.push_back("  f0 pc=3 op=35 a=3 b=1 c=2\n");
+    all.push_back("  f0 pc=4 op=58 a=2 b=3 c=0\n");
+  }
+  all.push_back("  f0 pc=5 op=70 a=100 b=0 c=10\n");
+  std::string want = "--- last 4096 instructions ---\n";
+  for (size_t i = all.size() - 4096; i < all.size(); i++) want += all[i];
+  std::string trace;
+  EXPECT_EQ(runTraced(p, {{"ZAN_ZANB_RING", "1"}}, trace).rc, 0);
+  EXPECT_TRUE(trace == want) << "first line: " << trace.substr(0, trace.find('\n')) << ", "
+                             << trace.size() << " bytes, want " << want.size();
 }
 
 TEST(VmMemory, InitialSizeAndDataSegments) {
@@ -336,7 +519,9 @@ TEST(VmMemory, InitialSizeAndDataSegments) {
   g.header.memMinPages = 1;
   g.seg(69996, "abcd");
   g.seg(69998, "Z");
-  Eval e = eval({69996}, {op(Op_mem_size, 2), op(Op_load, 0, 0, 0, kI32), konst(3, 0x100), op(Op_store, 3, 2, 0, kI64)},
+  Eval e = eval({69996},
+                {op(Op_mem_size, 2), op(Op_load, 0, 0, 0, kI32), konst(3, 0x100),
+                 op(Op_store, 3, 2, 0, kI64)},
                 g, {}, 0x100, 8);
   EXPECT_EQ(e.value, 0x645A6261u);  // "abZd"
   EXPECT_EQ(le64(e.mem), 1u);      // 70000 bytes round down to one page
@@ -345,15 +530,28 @@ TEST(VmMemory, InitialSizeAndDataSegments) {
 
   Prog big;  // beyond the default two pages
   big.seg(200000, "xy");
-  e = eval({199999}, {op(Op_load16_u, 0, 0, 1), op(Op_mem_size, 1), op(Op_add, 0, 0, 1, kI64)}, big);
+  e = eval({199999}, {op(Op_load16_u, 0, 0, 1), op(Op_mem_size, 1), op(Op_add, 0, 0, 1, kI64)},
+           big);
   EXPECT_EQ(e.value, 0x7978u + 3u);
+}
+
+// memOff + length past 2^64 cannot be placed; the load must fail cleanly
+// rather than copy the segment to a wrapped address.
+TEST(VmMemory, SegmentEndWrapping) {
+  Prog p;
+  p.seg(~0ull, "ab");
+  p.fn(0, {});
+  Result r = run(p);
+  EXPECT_EQ(r.rc, -1);
+  EXPECT_NE(r.err, "");
 }
 
 TEST(VmMemory, Globals) {
   Prog p;
   p.globals = {Global{{9, 9, 9, 9, 9, 9, 9, 9}, 0x1122334455667788ull}, Global{{}, 7}};
   EXPECT_EQ(eval({}, {op(Op_getg, 0, 0)}, p).value, 0x1122334455667788ull);
-  EXPECT_EQ(eval({0, 0xFFFFFFFF00000ABCull}, {op(Op_setg, 1, 1), op(Op_getg, 0, 1)}, p).value, 0xFFFFFFFF00000ABCull);
+  EXPECT_EQ(eval({0, 0xFFFFFFFF00000ABCull}, {op(Op_setg, 1, 1), op(Op_getg, 0, 1)}, p).value,
+            0xFFFFFFFF00000ABCull);
 }
 
 }  // namespace
