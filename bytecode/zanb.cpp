@@ -12,11 +12,6 @@ const char* const kOpNames[kOpCount] = {
 };
 
 namespace {
-constexpr bool kOpTyped[kOpCount] = {
-#define X(name, num, typed, effect) typed != 0,
-#include "bytecode/zanb_ops.def"
-#undef X
-};
 // The list must stay dense: row k has number k.
 constexpr uint32_t kOpNumbers[] = {
 #define X(name, num, typed, effect) num,
@@ -59,22 +54,11 @@ const char* typeName(uint32_t type) {
 
 const char* convName(uint32_t kind) { return kind < kConvCount ? kConvNames[kind] : "?"; }
 
-bool opIsTyped(uint32_t op) { return op < kOpCount && kOpTyped[op]; }
-
 std::string Module::name(uint32_t index) const {
   if (index >= funcs.size()) return "<bad>";
   const FuncMeta& f = funcs[index];
   if (f.nameLen == 0 || uint64_t(f.nameOff) + f.nameLen > names.size()) return "<anon>";
   return names.substr(f.nameOff, f.nameLen);
-}
-
-uint64_t dataBlobSize(const std::vector<DataSeg>& segs) {
-  uint64_t blob = 0;
-  for (const DataSeg& s : segs) {
-    uint64_t reach = s.dataOff + s.length;  // writers keep this in range
-    if (reach > blob) blob = reach;
-  }
-  return blob;
 }
 
 bool readModule(const uint8_t* bytes, uint64_t size, Module& module, std::string& err) {

@@ -105,15 +105,11 @@ inline std::vector<uint8_t> writeModule(const Module& m) {
   return writeModule(m.header, m.funcs, m.globals, m.dataSegs, m.names, m.data, m.code);
 }
 
-// Size of the data blob: the furthest any segment reaches into it.
-uint64_t dataBlobSize(const std::vector<DataSeg>& segs);
-
 extern const char* const kOpNames[kOpCount];
 extern const char* const kConvNames[kConvCount];
 const char* opName(uint32_t op);      // low 8 bits; "?" above 71
 const char* typeName(uint32_t type);  // "?" above 3
 const char* convName(uint32_t kind);  // "?" above 25
-bool opIsTyped(uint32_t op);
 
 // ZANA text form.
 bool assemble(const std::string& text, Module& module, std::string& err);

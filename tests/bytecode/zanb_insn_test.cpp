@@ -411,16 +411,8 @@ TEST(InsnMemory, LoadsAndStores) {
   // Stores over eight 0xEE bytes at 0x10, read back as one i64.
   Prog q;
   q.seg(0x10, std::string(8, '\xEE'));
-  struct S {
-    uint8_t op;
-    uint32_t type;
-    uint64_t base;
-    uint32_t off;
-    uint64_t want;
-    std::string err;
-  };
   const uint64_t val = 0x1122334455667788;
-  const S srows[] = {
+  const L srows[] = {
       {Op_store, kI32, 0x10, 0, 0xEEEEEEEE55667788, ""},
       {Op_store, kF32, 0x10, 0, 0xEEEEEEEE55667788, ""}, {Op_store, kI64, 0x10, 0, val, ""},
       {Op_store, kF64, 0x10, 0, val, ""}, {Op_store, T5, 0x10, 0, val, ""},
@@ -434,7 +426,7 @@ TEST(InsnMemory, LoadsAndStores) {
       {Op_store8, kI32, 131072, 0, 0, fault(131072, 1)},
       {Op_store, kI64, 131000, 65, 0, fault(131065, 8)},
   };
-  for (const S& r : srows) {
+  for (const L& r : srows) {
     std::string what = std::string(opName(r.op)) + " " + hex(r.base) + "+" + std::to_string(r.off);
     Eval e = eval({kMark, r.base, val, 0x10},
                   {op(r.op, 1, 2, r.off, r.type), op(Op_load, 0, 3, 0, kI64)}, q);
