@@ -10,6 +10,7 @@
 #include "bytecode/zanb.h"
 #include "bytecode/zanb_vm.h"
 #include "cli/commands.h"
+#include "container/zan2.h"
 
 namespace {
 
@@ -22,10 +23,12 @@ bool endsWith(const std::string& s, const char* suffix) {
 bool isAppContainer(const char* path) {
   FILE* f = std::fopen(path, "rb");
   if (!f) return false;
-  unsigned char h[64];
-  size_t got = std::fread(h, 1, sizeof h, f);
+  uint8_t bytes[tov::zan2::kHeaderSize];
+  const size_t got = std::fread(bytes, 1, sizeof bytes, f);
   std::fclose(f);
-  return got == sizeof h && std::memcmp(h, "ZAN2", 4) == 0 && (h[44] | (h[45] << 8)) == 6;
+  if (got != sizeof bytes) return false;
+  const tov::zan2::Header h = tov::zan2::decodeHeader(bytes);
+  return h.magicOk() && h.kind == tov::zan2::kKindApp;
 }
 
 }  // namespace

@@ -19,6 +19,9 @@ int cmdRunModuleFile(const char* path, int argc, char** argv, int firstArg);
 int runZanbBlob(const uint8_t* bytes, uint64_t size, const std::vector<std::string>& args,
                 const char* path);
 
+// `zan type <file>`: a container's header and section table, no plugins.
+int cmdType(int argc, char** argv);
+
 // Routes whose full handlers come with the app-container and plugin work.
 // Until then an app container is refused and no runtime claims a model.
 int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg);

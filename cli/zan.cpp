@@ -79,7 +79,7 @@ const Command kCommands[] = {
     {{"run"}, cmdRun, Loads::InHandler},  // the model route only
     {{"bench"}, nullptr, Loads::InHandler},
     {{"info"}, nullptr, Loads::Yes},
-    {{"type"}, nullptr, Loads::No},
+    {{"type"}, cmdType, Loads::No},
     {{"store"}, nullptr, Loads::No},
     {{"pack"}, nullptr, Loads::No},
     {{"appinfo"}, nullptr, Loads::No},
