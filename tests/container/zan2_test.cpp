@@ -1,0 +1,414 @@
+// The ZAN2 frame, the model reader's checks in their order, metadata and
+// tokenizer decoding, and round trips through the model writer. Containers
+// are built byte by byte here, independently of the writer.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "container/zan2.h"
+#include "container/zan2_reader.h"
+#include "container/zan2_writer.h"
+
+namespace {
+
+using namespace tov;
+using zan2::SectionType;
+
+std::string u16(uint16_t v) { return std::string{char(v), char(v >> 8)}; }
+std::string u32(uint32_t v) { return u16(uint16_t(v)) + u16(uint16_t(v >> 16)); }
+std::string u64(uint64_t v) { return u32(uint32_t(v)) + u32(uint32_t(v >> 32)); }
+std::string str(const std::string& s) { return u32(uint32_t(s.size())) + s; }
+
+struct Sec {
+  uint32_t type;
+  std::string bytes;
+};
+
+// A model container with these sections, 64-aligned in order, and a right CRC.
+std::string build(const std::vector<Sec>& secs, uint32_t tensorCount = 0) {
+  std::string table, body;
+  uint64_t at = (64 + 24 * secs.size() + 63) / 64 * 64;
+  for (const Sec& s : secs) {
+    table += u32(s.type) + u32(0) + u64(at) + u64(s.bytes.size());
+    body.resize(at - 64 - 24 * secs.size(), '\0');
+    body += s.bytes;
+    at = (at + s.bytes.size() + 63) / 64 * 64;
+  }
+  std::string h = "ZAN2" + u32(2) + u32(0x01020304) + u32(uint32_t(secs.size())) + u32(0) + u32(0) + u64(0) +
+                  u32(0) + u32(0) + u32(tensorCount) + u16(1) + std::string(10, '\0');
+  const std::string crcInput = h + table;
+  return h + u64(zan2::crc64(crcInput.data(), crcInput.size())) + table + body;
+}
+
+void refreshCrc(std::string& file) {
+  const uint32_t count = zan2::rdU32(reinterpret_cast<const uint8_t*>(file.data() + 12));
+  std::string in = file.substr(0, 56) + file.substr(64, 24 * size_t(count));
+  const std::string crc = u64(zan2::crc64(in.data(), in.size()));
+  file.replace(56, 8, crc);
+}
+
+const std::string kEmptyMeta = u32(0);
+std::string minimal(uint32_t tensors = 0) {
+  return build({{1, kEmptyMeta}, {4, std::string(128 * tensors, '\0')}, {5, ""}}, tensors);
+}
+
+std::string tempPath(const std::string& name) { return ::testing::TempDir() + "zan2_" + name; }
+
+std::string writeTemp(const std::string& bytes, const std::string& name = "case.zan") {
+  const std::string path = tempPath(name);
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), std::streamsize(bytes.size()));
+  return path;
+}
+
+std::string openMessage(const std::string& bytes) {
+  ZAN2Reader r;
+  const ZAN2Result res = r.open(writeTemp(bytes).c_str());
+  EXPECT_EQ(r.isOpen(), res.ok());
+  return res.message;
+}
+
+TEST(Zan2, Crc64) {
+  EXPECT_EQ(zan2::crc64("abc", 3), 0x4E585630ADB2B002ULL);
+  EXPECT_EQ(zan2::crc64("", 0), 0u);
+  const std::string text = "The quick brown fox jumps over the lazy dog";
+  EXPECT_EQ(zan2::crc64(zan2::crc64(text.data(), 10), text.data() + 10, text.size() - 10),
+            zan2::crc64(text.data(), text.size()));
+}
+
+TEST(Zan2, OpenChecksInOrder) {
+  using Patch = std::function<void(std::string&)>;
+  auto setU32 = [](size_t at, uint32_t v) { return [=](std::string& f) { f.replace(at, 4, u32(v)); }; };
+  auto setU64 = [](size_t at, uint64_t v) { return [=](std::string& f) { f.replace(at, 8, u64(v)); }; };
+  auto then = [](Patch a, Patch b) { return [=](std::string& f) { a(f), b(f); }; };
+  const Patch crc = refreshCrc;
+  const std::string base = minimal();
+  // Section 0 entry at 64, section 1 at 88, section 2 at 112.
+  const struct {
+    const char* what;
+    std::string file;
+    Patch patch;
+    const char* message;
+  } cases[] = {
+      {"valid", base, nullptr, ""},
+      {"empty file", "", nullptr, "ZAN2: cannot stat file"},
+      {"63 bytes", base.substr(0, 63), nullptr, "ZAN2: file too small"},
+      {"magic", base, [](std::string& f) { f[3] = '3'; }, "ZAN2: bad magic"},
+      {"version", base, setU32(4, 3), "ZAN2: unsupported version"},
+      {"endian", base, setU32(8, 0x04030201), "ZAN2: big-endian files unsupported"},
+      {"table cut", base.substr(0, 64 + 24 * 3 - 1), nullptr, "ZAN2: truncated section table"},
+      {"17 sections", base + std::string(1024, '\0'), setU32(12, 17), "ZAN2: too many sections"},
+      {"17 sections, short", base, setU32(12, 17), "ZAN2: truncated section table"},
+      {"crc", base, setU64(56, 1), "ZAN2: CRC mismatch"},
+      {"a table byte", base, [](std::string& f) { f[70] ^= 1; }, "ZAN2: CRC mismatch"},
+      {"no sections", base, then(setU32(12, 0), crc), "ZAN2: missing tensor index"},
+      {"offset 100", base + std::string(256, '\0'), then(setU64(88 + 8, 100), crc), "ZAN2: bad section bounds"},
+      {"past the end", base, then(setU64(88 + 16, 1), crc), "ZAN2: bad section bounds"},
+      {"size overflows", base, then(setU64(112 + 16, ~0ULL), crc), "ZAN2: bad section bounds"},
+      {"no index", base, then(setU32(88, 9), crc), "ZAN2: missing tensor index"},
+      {"index too small", base, then(setU32(40, 1), crc), "ZAN2: missing tensor index"},
+      {"quant too small", build({{1, kEmptyMeta}, {4, std::string(128, 'x')}, {6, std::string(31, 'q')}, {5, ""}}, 1),
+       nullptr, "ZAN2: bad quant info"},
+      {"no weights", base, then(setU32(112, 9), crc), "ZAN2: missing weight data"},
+      {"no meta", base, then(setU32(64, 9), crc), "ZAN2: missing meta section"},
+      {"meta of 3 bytes", build({{1, "\0\0\0"}, {4, ""}, {5, ""}}), nullptr, "ZAN2: missing meta section"},
+  };
+  for (const auto& c : cases) {
+    std::string f = c.file;
+    if (c.patch) c.patch(f);
+    EXPECT_EQ(openMessage(f), c.message) << c.what;
+  }
+
+  ZAN2Reader r;
+  EXPECT_EQ(r.open(nullptr).message, "ZAN2: null path");
+  EXPECT_EQ(r.open(tempPath("does-not-exist").c_str()).message, "ZAN2: cannot open file");
+}
+
+TEST(Zan2, MetaDecoding) {
+  const std::string key = u16(1) + "k";
+  auto type = [](char t) { return std::string(1, t); };
+  const struct {
+    std::string meta;
+    const char* message;
+  } cases[] = {
+      {u32(0), ""},
+      {u32(1), "ZAN2: bad meta key"},
+      {u32(1) + "\x05", "ZAN2: bad meta key"},
+      {u32(1) + u16(5) + "abc", "ZAN2: bad meta key"},
+      {u32(1) + key, "ZAN2: bad meta type"},
+      {u32(1) + key + type(6), "ZAN2: unknown meta type"},
+      {u32(1) + key + type(0) + "abc", "ZAN2: bad meta u32"},
+      {u32(1) + key + type(1) + "abc", "ZAN2: bad meta i32"},
+      {u32(1) + key + type(2), "ZAN2: bad meta f32"},
+      {u32(1) + key + type(3) + "1234567", "ZAN2: bad meta u64"},
+      {u32(1) + key + type(4) + "abc", "ZAN2: bad meta str"},
+      {u32(1) + key + type(4) + u32(10) + "ab", "ZAN2: bad meta str"},
+      {u32(1) + key + type(5) + u32(3) + u64(0), "ZAN2: bad meta array"},
+      {u32(1) + key + type(5) + u32(0x40000000), "ZAN2: bad meta array"},
+      {u32(2) + key + type(0) + u32(1), "ZAN2: bad meta key"},
+      {u32(0xFFFFFFFF) + key + type(0) + u32(1), "ZAN2: bad meta key"},
+  };
+  for (const auto& c : cases) {
+    const std::string meta(c.meta.data(), c.meta.size());
+    EXPECT_EQ(openMessage(build({{5, ""}, {4, ""}, {1, meta}})), c.message) << testing::PrintToString(meta);
+  }
+}
+
+TEST(Zan2, TokenizerLimits) {
+  const std::string tail = u32(0) + u32(0) + u32(1) + u32(2) + u32(3) + u32(4) + "\x01";
+  const std::string good = "TKNZ" + str("spm") + u32(2) + str("a") + str("") + u32(1) + u32(7) + tail;
+  const struct {
+    std::string section;
+    bool ok;
+  } cases[] = {
+      {good, true},
+      {good.substr(0, good.size() - 1), false},  // no bool
+      {"TKNX" + good.substr(4), false},
+      {"TKNZ" + str("spm") + u32(0x4000001), false},
+      {"TKNZ" + str("spm") + u32(0x4000000), false},  // at the limit, but the bytes aren't there
+      {"TKNZ" + str("spm") + u32(2) + str("a") + u32(100) + "ab", false},
+      {"TKNZ" + str("spm") + u32(0) + u32(3) + u32(1) + u32(2), false},
+      {"TKN", false},
+  };
+  for (const auto& c : cases) {
+    ZAN2Reader r;
+    ASSERT_TRUE(r.open(writeTemp(build({{1, kEmptyMeta}, {2, c.section}, {4, ""}, {5, ""}})).c_str()).ok());
+    TokenizerData t;
+    EXPECT_EQ(r.readTokenizer(t), c.ok) << testing::PrintToString(c.section);
+    if (c.ok) {
+      EXPECT_EQ(t.name, "spm");
+      EXPECT_EQ(t.vocab, (std::vector<std::string>{"a", ""}));
+      EXPECT_EQ(t.scores, std::vector<uint32_t>{7});
+      EXPECT_TRUE(t.tokenTypes.empty() && t.merges.empty());
+      EXPECT_EQ(t.special[0], 1u);
+      EXPECT_EQ(t.special[3], 4u);
+      EXPECT_TRUE(t.addBos);
+    }
+  }
+  ZAN2Reader r;
+  ASSERT_TRUE(r.open(writeTemp(minimal()).c_str()).ok());
+  TokenizerData t;
+  EXPECT_FALSE(r.readTokenizer(t));
+}
+
+struct Model {
+  std::vector<std::string> data;
+  std::vector<zan2::TensorSpec> specs;
+};
+
+Model sampleTensors() {
+  Model m;
+  const std::string name64(64, 'w');
+  const std::vector<std::string> names = {"tok_embd", "output.weight", name64, "blk.0.attn_q", "blk.0.attn_k", "a", "z"};
+  const uint64_t sizes[] = {1000, 64, 63, 0, 1, 4096, 129};
+  std::mt19937 rng(7);
+  for (size_t i = 0; i < names.size(); ++i) {
+    std::string bytes(sizes[i], '\0');
+    for (char& c : bytes) c = char(rng());
+    m.data.push_back(bytes);
+  }
+  for (size_t i = 0; i < names.size(); ++i) {
+    zan2::TensorSpec t;
+    t.name = names[i];
+    t.dtype = uint16_t(i);
+    t.ndim = uint16_t(i % 5);
+    for (int d = 0; d < 4; ++d) t.dims[d] = i * 10 + d;
+    t.data = m.data[i].data();
+    t.size = m.data[i].size();
+    t.quant = i == 2 ? 0x0123456789ABCDEFULL : i;
+    m.specs.push_back(t);
+  }
+  return m;
+}
+
+TEST(Zan2, WriterRoundTrip) {
+  Model m = sampleTensors();
+  zan2::ModelWriter w;
+  w.modelType = 3;
+  w.hiddenSize = 4096;
+  w.layers = 32;
+  w.vocab = 2;
+  w.metaStr("general.architecture", "llama");
+  w.metaU32("llama.block_count", 32);
+  w.metaU64("llama.block_count", 64);  // same key, other type
+  w.metaI32("neg", -5);
+  w.metaF32("eps", 1e-5f);
+  const uint32_t arr[] = {1, 2, 0xFFFFFFFF};
+  w.metaU32Array("arr", arr, 3);
+  w.metaU32Array("none", nullptr, 0);
+  TokenizerData tok;
+  tok.name = "gpt2";
+  tok.vocab = {"<s>", "</s>", std::string("\0x", 2)};
+  tok.scores = {1, 2, 3};
+  tok.tokenTypes = {3, 3, 1};
+  tok.merges = {"a b"};
+  tok.special[0] = 1;
+  tok.addBos = true;
+  w.setTokenizer(tok);
+  std::string err;
+  for (const auto& t : m.specs) ASSERT_TRUE(w.addTensor(t, err)) << err;
+  std::vector<uint64_t> reports;
+  w.progress = [&](uint64_t done, uint64_t total) { reports.push_back(done * 1000 + (done == total)); };
+  const std::string path = tempPath("roundtrip.zan");
+  ASSERT_TRUE(w.write(path.c_str(), err)) << err;
+  ASSERT_FALSE(reports.empty());
+  EXPECT_EQ(reports.back() % 1000, 1u);  // the last report is the whole file
+
+  ZAN2Reader r;
+  const ZAN2Result res = r.open(path.c_str());
+  ASSERT_TRUE(res.ok()) << res.message;
+  EXPECT_TRUE(r.aligned64());
+  EXPECT_EQ(r.header().kind, 1);
+  EXPECT_EQ(r.header().modelType, 3u);
+  EXPECT_EQ(r.header().hiddenSize, 4096u);
+  EXPECT_EQ(r.header().layers, 32u);
+  EXPECT_EQ(r.header().tensorCount, m.specs.size());
+
+  uint32_t u = 0;
+  ASSERT_TRUE(r.getMetaU32("container.kind", u));
+  EXPECT_EQ(u, 1u);
+  ASSERT_TRUE(r.getMetaU32("container.version", u));
+  EXPECT_EQ(u, 2u);
+  ASSERT_TRUE(r.getMetaU32("llama.block_count", u));
+  EXPECT_EQ(u, 32u);
+  uint64_t u64v = 0;
+  ASSERT_TRUE(r.getMetaU64("llama.block_count", u64v));
+  EXPECT_EQ(u64v, 64u);
+  EXPECT_FALSE(r.getMetaU32("general.architecture", u));  // a string, not a u32
+  EXPECT_FALSE(r.getMetaU32("missing", u));
+  int32_t i32 = 0;
+  ASSERT_TRUE(r.getMetaI32("neg", i32));
+  EXPECT_EQ(i32, -5);
+  float f = 0;
+  ASSERT_TRUE(r.getMetaF32("eps", f));
+  EXPECT_EQ(f, 1e-5f);
+  std::string s;
+  ASSERT_TRUE(r.getMetaStr("general.architecture", s));
+  EXPECT_EQ(s, "llama");
+  const uint32_t* vals = nullptr;
+  uint32_t n = 0;
+  ASSERT_TRUE(r.getMetaU32Array("arr", vals, n));
+  ASSERT_EQ(n, 3u);
+  EXPECT_EQ(vals[2], 0xFFFFFFFFu);
+  ASSERT_TRUE(r.getMetaU32Array("none", vals, n));
+  EXPECT_EQ(n, 0u);
+  EXPECT_EQ(r.metaCount(), 9u);
+  MetaEntryView view;
+  ASSERT_TRUE(r.metaAt(2, view));
+  EXPECT_EQ(view.key, "general.architecture");
+  EXPECT_EQ(view.type, MetaType::Str);
+  EXPECT_EQ(view.text, "llama");
+  EXPECT_FALSE(r.metaAt(9, view));
+
+  TokenizerData back;
+  ASSERT_TRUE(r.readTokenizer(back));
+  EXPECT_EQ(back.name, tok.name);
+  EXPECT_EQ(back.vocab, tok.vocab);
+  EXPECT_EQ(back.scores, tok.scores);
+  EXPECT_EQ(back.tokenTypes, tok.tokenTypes);
+  EXPECT_EQ(back.merges, tok.merges);
+  EXPECT_EQ(back.special[0], 1u);
+  EXPECT_TRUE(back.addBos);
+
+  // Every tensor's bytes start 64-aligned, and each is found by name.
+  const uint8_t* weights = r.sectionData(SectionType::WeightData);
+  for (uint32_t i = 0; i < r.header().tensorCount; ++i) {
+    EXPECT_EQ((r.tensorView(i).data - weights) % 64, 0);
+  }
+  for (size_t i = 0; i < m.specs.size(); ++i) {
+    const zan2::TensorSpec& t = m.specs[i];
+    const zan2::TensorRecord* rec = r.findTensor(t.name.c_str());
+    ASSERT_NE(rec, nullptr) << t.name;
+    EXPECT_EQ(std::string(rec->name, strnlen(rec->name, 64)), t.name);
+    const TensorView v = r.tensorView(t.name.c_str());
+    ASSERT_EQ(v.size, t.size) << t.name;
+    EXPECT_EQ(std::memcmp(v.data, m.data[i].data(), t.size), 0) << t.name;
+    EXPECT_EQ(v.dtype, t.dtype);
+    EXPECT_EQ(v.ndim, t.ndim);
+    EXPECT_EQ(v.dims[3], t.dims[3]);
+    EXPECT_EQ(v.quant, t.quant);
+  }
+  for (uint32_t i = 0; i + 1 < r.header().tensorCount; ++i) {
+    const auto* recs = reinterpret_cast<const zan2::TensorRecord*>(r.sectionData(SectionType::TensorIndex));
+    EXPECT_LT(std::strncmp(recs[i].name, recs[i + 1].name, 64), 0);
+  }
+  // Names compare on 64 bytes only.
+  EXPECT_NE(r.findTensor((std::string(64, 'w') + "extra!").c_str()), nullptr);
+  EXPECT_EQ(r.findTensor("b"), nullptr);
+  EXPECT_EQ(r.findTensor(nullptr), nullptr);
+  EXPECT_EQ(r.tensorView(99).data, nullptr);
+  EXPECT_EQ(r.tensorView("nope").size, 0u);
+
+  r.close();
+  EXPECT_EQ(r.findTensor("a"), nullptr);
+  EXPECT_FALSE(r.aligned64());
+}
+
+TEST(Zan2, ViewsOfOddRecordsAndNoQuantInfo) {
+  Model m = sampleTensors();
+  zan2::ModelWriter w;
+  std::string err;
+  for (auto t : m.specs) {
+    t.quant = 0;
+    ASSERT_TRUE(w.addTensor(t, err));
+  }
+  const std::string path = tempPath("odd.zan");
+  ASSERT_TRUE(w.write(path.c_str(), err)) << err;
+  std::string file;
+  {
+    std::ifstream in(path, std::ios::binary);
+    file.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  ZAN2Reader r;
+  ASSERT_TRUE(r.open(path.c_str()).ok());
+  EXPECT_EQ(r.section(SectionType::QuantInfo), nullptr);
+  EXPECT_EQ(r.tensorView("a").quant, 0u);
+  EXPECT_NE(r.tensorView("a").data, nullptr);
+  const size_t index = r.section(SectionType::TensorIndex)->offset;
+  r.close();
+
+  // Record 0 ("a") gets 5 dims, record 1 reaches past WeightData; the index
+  // isn't under the checksum, so the file still opens.
+  file.replace(index + 68, 2, u16(5));
+  file.replace(index + 128 + 112, 8, u64(1ULL << 40));
+  ASSERT_TRUE(r.open(writeTemp(file, "odd2.zan").c_str()).ok());
+  EXPECT_EQ(r.tensorView(0u).data, nullptr);
+  EXPECT_EQ(r.tensorView(1u).size, 0u);
+  EXPECT_NE(r.tensorView(2u).data, nullptr);
+
+  // A failed open leaves the reader closed.
+  EXPECT_FALSE(r.open(writeTemp("", "empty.zan").c_str()).ok());
+  EXPECT_FALSE(r.isOpen());
+  EXPECT_EQ(r.metaCount(), 0u);
+  EXPECT_EQ(r.findTensor("a"), nullptr);
+}
+
+TEST(Zan2, WriterRefusals) {
+  zan2::ModelWriter w;
+  std::string err;
+  zan2::TensorSpec t;
+  t.name = std::string(65, 'n');
+  EXPECT_FALSE(w.addTensor(t, err));
+  t.name = "x";
+  t.ndim = 5;
+  EXPECT_FALSE(w.addTensor(t, err));
+  EXPECT_EQ(err, "tensor 'x' has 5 dimensions, at most 4 fit");
+  t.ndim = 1;
+  ASSERT_TRUE(w.addTensor(t, err));
+  ASSERT_TRUE(w.addTensor(t, err));
+  EXPECT_FALSE(w.write(tempPath("dup.zan").c_str(), err));
+  EXPECT_EQ(err, "tensor 'x' is given twice");
+
+  zan2::ModelWriter empty;
+  ASSERT_TRUE(empty.write(tempPath("empty-model.zan").c_str(), err)) << err;
+  ZAN2Reader r;
+  EXPECT_TRUE(r.open(tempPath("empty-model.zan").c_str()).ok());
+  EXPECT_FALSE(empty.write("/nonexistent-dir/x.zan", err));
+  EXPECT_EQ(err, "cannot create /nonexistent-dir/x.zan: No such file or directory");
+}
+
+}  // namespace
