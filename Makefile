@@ -3,10 +3,12 @@
 BUILD       ?= build
 RELEASE     ?= build-release
 ASAN        ?= build-asan
+FUZZ        ?= build-fuzz
+FUZZ_TIME   ?= 60
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps demo test bench test-asan clean
+.PHONY: all deps demo test bench test-asan fuzz clean
 
 all: deps
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
@@ -33,5 +35,14 @@ test-asan: deps
 	cmake --build $(ASAN) -j $(JOBS)
 	cd $(ASAN) && ctest --output-on-failure -j $(JOBS)
 
+# libFuzzer runs of the JSON reader and the container reader, FUZZ_TIME
+# seconds each.
+fuzz: deps
+	@scripts/install-deps clang libclang-rt-14-dev
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZAN_FUZZ=ON \
+	  -DZAN_TESTS=OFF -DZAN_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(FUZZ) -j $(JOBS) --target json_fuzz zan2_fuzz zan2_seeds
+	@scripts/fuzz $(FUZZ) $(FUZZ_TIME)
+
 clean:
-	rm -rf $(BUILD) $(RELEASE) $(ASAN)
+	rm -rf $(BUILD) $(RELEASE) $(ASAN) $(FUZZ)

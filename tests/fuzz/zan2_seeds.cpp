@@ -1,0 +1,47 @@
+// Writes a few model containers into a directory, the ZAN2 fuzzer's seeds.
+#include <cstdio>
+#include <string>
+
+#include "container/zan2_writer.h"
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fputs("usage: zan2_seeds <dir>\n", stderr);
+    return 2;
+  }
+  static const char kBytes[1024] = {1, 2, 3};
+  tov::TokenizerData tok;
+  tok.name = "spm";
+  tok.vocab = {"<s>", "a", "b"};
+  tok.scores = {0, 1, 2};
+  tok.merges = {"a b"};
+  for (int n = 0; n < 3; ++n) {
+    tov::zan2::ModelWriter w;
+    w.metaStr("general.architecture", "llama");
+    w.metaU32("llama.block_count", 2);
+    w.metaF32("eps", 1e-5f);
+    w.metaU64("big", 1ULL << 40);
+    w.metaI32("neg", -1);
+    const uint32_t arr[] = {1, 2, 3};
+    w.metaU32Array("arr", arr, 3);
+    if (n > 0) w.setTokenizer(tok);
+    std::string err;
+    for (int t = 0; t < n * 2; ++t) {
+      tov::zan2::TensorSpec s;
+      s.name = "blk." + std::to_string(t) + ".w";
+      s.ndim = 2;
+      s.dims[0] = 10;
+      s.dims[1] = 3;
+      s.data = kBytes;
+      s.size = 30 + 100 * t;
+      s.quant = n == 2 ? 8 : 0;
+      w.addTensor(s, err);
+    }
+    const std::string path = std::string(argv[1]) + "/seed" + std::to_string(n) + ".zan";
+    if (!w.write(path.c_str(), err)) {
+      std::fprintf(stderr, "zan2_seeds: %s\n", err.c_str());
+      return 1;
+    }
+  }
+  return 0;
+}
