@@ -26,6 +26,7 @@ test: all
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 bench: deps
+	@bench/install-deps
 	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF $(CMAKE_FLAGS) >/dev/null
 	cmake --build $(RELEASE) -j $(JOBS)
 	@bench/run $(RELEASE)
