@@ -293,6 +293,27 @@ ParseResult Parser::string(std::string& out) {
   }
 }
 
+namespace {
+
+// The scratch vector of `depth`, made on first use; a deque keeps the
+// references of shallower depths valid while deeper ones are added.
+template <typename T>
+std::vector<T>& scratchAt(std::deque<std::vector<T>>& scratch, uint64_t depth) {
+  while (scratch.size() <= depth) scratch.emplace_back();
+  std::vector<T>& v = scratch[depth];
+  v.clear();
+  return v;
+}
+
+template <typename T>
+void moveInto(std::vector<T>& from, std::vector<T>& to) {
+  to.reserve(from.size());
+  for (T& x : from) to.push_back(std::move(x));
+  from.clear();
+}
+
+}  // namespace
+
 ParseResult Parser::object(Value& out, uint64_t depth) {
   out.kind = Kind::Object;
   skipWs();
@@ -303,10 +324,11 @@ ParseResult Parser::object(Value& out, uint64_t depth) {
     ++pos;
     return ok();
   }
+  std::vector<Member>& members = scratchAt(memberScratch, depth);
   for (;;) {
     skipWs();
     if (pos >= length || text[pos] != '"') return fail("json: object key");
-    Member& m = out.members.emplace_back();
+    Member& m = members.emplace_back();
     ParseResult r = string(m.key);
     if (!r.ok()) return r;
     skipWs();
@@ -317,6 +339,7 @@ ParseResult Parser::object(Value& out, uint64_t depth) {
     skipWs();
     if (pos < length && text[pos] == '}') {
       ++pos;
+      moveInto(members, out.members);
       return ok();
     }
     if (pos >= length || text[pos] != ',') return fail("json: comma");
@@ -334,12 +357,14 @@ ParseResult Parser::array(Value& out, uint64_t depth) {
     ++pos;
     return ok();
   }
+  std::vector<Value>& items = scratchAt(itemScratch, depth);
   for (;;) {
-    ParseResult r = value(out.items.emplace_back(), depth + 1);
+    ParseResult r = value(items.emplace_back(), depth + 1);
     if (!r.ok()) return r;
     skipWs();
     if (pos < length && text[pos] == ']') {
       ++pos;
+      moveInto(items, out.items);
       return ok();
     }
     if (pos >= length || text[pos] != ',') return fail("json: comma");
@@ -351,7 +376,7 @@ ParseResult Parser::array(Value& out, uint64_t depth) {
 
 ParseResult parse(const char* text, size_t length, Value& out, uint64_t maxDepth) {
   if (!text) return fail("json: null input");
-  detail::Parser p{text, length, maxDepth};
+  detail::Parser p{text, length, maxDepth, 0, {}, {}};
   ParseResult r = p.value(out, 0);
   if (!r.ok()) return r;
   p.skipWs();

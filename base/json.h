@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -74,12 +75,17 @@ inline ParseResult parse(std::string_view text, Value& out, uint64_t maxDepth = 
 
 namespace detail {
 
-// The state of one parse, on the caller's stack.
+// The state of one parse, on the caller's stack. Containers collect their
+// elements in a scratch vector kept per depth and move them once into a
+// vector of the exact size, so no node is moved twice while a container
+// grows.
 struct Parser {
   const char* text;
   size_t length;
   uint64_t maxDepth;
   size_t pos = 0;
+  std::deque<std::vector<Member>> memberScratch;  // by depth
+  std::deque<std::vector<Value>> itemScratch;     // by depth
 
   ParseResult value(Value& out, uint64_t depth);
   ParseResult object(Value& out, uint64_t depth);
