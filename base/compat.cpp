@@ -1,4 +1,4 @@
-// POSIX side of the platform layer: only the three helpers; dlopen, mmap and
+// POSIX side of the platform layer: only the small helpers; dlopen, mmap and
 // the rest are the system's own.
 #include "base/compat.h"
 
@@ -12,6 +12,14 @@ int zanCompatGetcwd(char* buf, size_t size) {
   // getcwd(nullptr, ...) would allocate on glibc; the caller owns the buffer.
   if (!buf || size == 0) return -1;
   return getcwd(buf, size) ? 0 : -1;
+}
+
+int zanCompatExePath(char* buf, size_t size) {
+  if (!buf || size == 0) return -1;
+  const ssize_t n = readlink("/proc/self/exe", buf, size);
+  if (n < 0 || size_t(n) >= size) return -1;  // a full buffer may be cut short
+  buf[n] = '\0';
+  return 0;
 }
 
 int zanCompatIsatty(int fd) { return isatty(fd); }

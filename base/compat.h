@@ -1,4 +1,4 @@
-// Platform layer: shared libraries, read-only file mappings, and three small
+// Platform layer: shared libraries, read-only file mappings, and a few small
 // helpers. On POSIX these are the system's own functions; on Windows
 // compat_win.cpp supplies the same names, so no other file needs a platform
 // branch. Paths are UTF-8 on every platform.
@@ -52,6 +52,9 @@ int madvise(void* address, size_t length, int advice);
 // Working directory as zero-terminated UTF-8 into `buf` of `size` bytes:
 // 0, or -1 when it does not fit or cannot be read.
 int zanCompatGetcwd(char* buf, size_t size);
+// Full path of the running executable as zero-terminated UTF-8 into `buf`
+// of `size` bytes: 0, or -1 when it does not fit or cannot be read.
+int zanCompatExePath(char* buf, size_t size);
 // Non-zero if `fd` is a terminal.
 int zanCompatIsatty(int fd);
 // Blocks the calling thread for `ms` milliseconds.

@@ -189,6 +189,18 @@ int zanCompatGetcwd(char* buf, size_t size) {
   return 0;
 }
 
+int zanCompatExePath(char* buf, size_t size) {
+  wchar_t wpath[kPathChars];
+  DWORD wlen = GetModuleFileNameW(nullptr, wpath, kPathChars);
+  if (wlen == 0 || wlen >= kPathChars) return -1;
+  if (!buf || size < 2) return -1;
+  int room = size - 1 > size_t(INT_MAX) ? INT_MAX : int(size - 1);
+  int n = WideCharToMultiByte(CP_UTF8, 0, wpath, int(wlen), buf, room, nullptr, nullptr);
+  if (n < 1) return -1;
+  buf[n] = '\0';
+  return 0;
+}
+
 int zanCompatIsatty(int fd) { return _isatty(fd); }
 
 void zanCompatSleepMs(unsigned ms) { Sleep(ms); }
