@@ -27,7 +27,22 @@ int cmdType(int argc, char** argv);
 int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg);
 int cmdRunModel(int argc, char** argv);
 
-// Commands that installed plugins provide, for words no row of main's table
-// claims. Gives 0 on success, 4 when no loaded plugin provides `word`, and any
-// other value when the plugin command failed; argv[0] is the command word.
-int runPluginCommand(const char* word, int argc, char** argv);
+// A word that no row of main's table claims: loads the plugins (unless a
+// handler already did) and runs the plugin command of that name, mapping
+// its result to the exit code.
+int cmdPluginCommand(int argc, char** argv);
+// Stand-in for the installed-package listing (`ls plugins`, `plugin ls`),
+// which comes with the package manager: until then these stay unknown words.
+int cmdInstalledLsPending(int argc, char** argv);
+
+// Listings of the plugin registries; main has loaded the plugins.
+int cmdRuntime(int argc, char** argv);
+int cmdBackend(int argc, char** argv);
+int cmdExecution(int argc, char** argv);
+int cmdImporter(int argc, char** argv);
+int cmdTrainer(int argc, char** argv);
+int cmdTokenizer(int argc, char** argv);
+int cmdSampler(int argc, char** argv);
+int cmdPlugins(int argc, char** argv);
+// `zan ls devices`: loads the plugins, then the CPU and GPU blocks.
+int cmdLsDevices();

@@ -9,16 +9,29 @@
 #include <cstring>
 
 #include "cli/commands.h"
+#include "plugin/plugin_manager.h"
 
-// Stand-in until the plugin host exists: no plugin can be loaded, and with no
-// plugin loaded no command is provided, which is result 4. The plugin host
-// replaces this with loadAll followed by PluginManager::runCommand.
-int runPluginCommand(const char* word, int argc, char** argv) { return 4; }
+int cmdPluginCommand(int argc, char** argv) {
+  tov::PluginManager& mgr = tov::PluginManager::instance();
+  if (!mgr.frozen) mgr.loadAll();
+  const char* word = argv[1];
+  const int rc = mgr.runCommand(word, argc - 1, argv + 1);
+  if (rc == 0) return 0;
+  if (rc == 4) {
+    std::fprintf(stderr, "zan: unknown command '%s'\nplugin providing command '%s' is not installed\n",
+                 word, word);
+    return 2;
+  }
+  std::fprintf(stderr, "zan: plugin command '%s' failed (%d)\n", word, rc);
+  return 1;
+}
+
+int cmdInstalledLsPending(int argc, char** argv) { return cmdPluginCommand(argc, argv); }
 
 namespace {
 
-// Whether a row's branch loads the plugins, and when. Nothing reads it until
-// the plugin host exists; it is kept with the row so that it can't drift.
+// Whether a row's branch loads the plugins, and when. main loads for the
+// rows marked Yes; the others load in their handlers, if at all.
 enum class Loads : uint8_t {
   No,
   Yes,        // before the handler runs
@@ -34,20 +47,6 @@ struct Command {
   Loads loads;
 };
 
-// A word no row claims. Plugin commands see argv from the command word on.
-int cmdPluginCommand(int argc, char** argv) {
-  const char* word = argv[1];
-  int rc = runPluginCommand(word, argc - 1, argv + 1);
-  if (rc == 0) return 0;
-  if (rc == 4) {
-    std::fprintf(stderr, "zan: unknown command '%s'\nplugin providing command '%s' is not installed\n",
-                 word, word);
-    return 2;
-  }
-  std::fprintf(stderr, "zan: plugin command '%s' failed (%d)\n", word, rc);
-  return 1;
-}
-
 // `zan ls [topic]`. The usage is asked for, so it goes to standard output
 // with 0; "-help" is not one of the ways to ask and counts as a bad topic.
 int cmdLs(int argc, char** argv) {
@@ -57,8 +56,8 @@ int cmdLs(int argc, char** argv) {
     std::fputs(kLsUsage, stdout);
     return 0;
   }
-  // The installed-package listing and the device listing aren't built yet.
-  if (!std::strcmp(topic, "plugins") || !std::strcmp(topic, "devices")) return cmdPluginCommand(argc, argv);
+  if (!std::strcmp(topic, "devices")) return cmdLsDevices();
+  if (!std::strcmp(topic, "plugins")) return cmdInstalledLsPending(argc, argv);
   std::fputs("usage: zan ls plugins | zan ls devices\n", stderr);
   return 2;
 }
@@ -66,15 +65,15 @@ int cmdLs(int argc, char** argv) {
 // In this order; the first row whose word or alias equals argv[1] runs.
 const Command kCommands[] = {
     {{"tune"}, nullptr, Loads::AfterArgs},
-    {{"runtime"}, nullptr, Loads::Yes},
-    {{"backend"}, nullptr, Loads::Yes},
-    {{"execution", "executions"}, nullptr, Loads::Yes},
-    {{"importer", "importers"}, nullptr, Loads::Yes},
-    {{"trainer", "trainers"}, nullptr, Loads::Yes},
-    {{"tokenizer", "tokenizers"}, nullptr, Loads::Yes},
-    {{"sampler", "samplers"}, nullptr, Loads::Yes},
+    {{"runtime"}, cmdRuntime, Loads::Yes},
+    {{"backend"}, cmdBackend, Loads::Yes},
+    {{"execution", "executions"}, cmdExecution, Loads::Yes},
+    {{"importer", "importers"}, cmdImporter, Loads::Yes},
+    {{"trainer", "trainers"}, cmdTrainer, Loads::Yes},
+    {{"tokenizer", "tokenizers"}, cmdTokenizer, Loads::Yes},
+    {{"sampler", "samplers"}, cmdSampler, Loads::Yes},
     {{"ls"}, cmdLs, Loads::InHandler},  // only `ls devices` loads
-    {{"plugins", "plugin"}, nullptr, Loads::Yes},
+    {{"plugins", "plugin"}, cmdPlugins, Loads::Yes},
     {{"chat"}, nullptr, Loads::InHandler},
     {{"run"}, cmdRun, Loads::InHandler},  // the model route only
     {{"bench"}, nullptr, Loads::InHandler},
@@ -112,7 +111,11 @@ int main(int argc, char** argv) {
     std::fputs(helpText(helpWantsZh(argc, argv, 2)).c_str(), stdout);
     return 0;
   }
-  for (const Command& c : kCommands)
-    if (claims(c, word)) return c.run ? c.run(argc, argv) : cmdPluginCommand(argc, argv);
+  for (const Command& c : kCommands) {
+    if (!claims(c, word)) continue;
+    if (!c.run) return cmdPluginCommand(argc, argv);
+    if (c.loads == Loads::Yes) tov::PluginManager::instance().loadAll();
+    return c.run(argc, argv);
+  }
   return cmdPluginCommand(argc, argv);
 }
