@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the CLI cases of one or more .case files against a built zan.
 
-    run_cases.py --zan PATH --zana2zanb PATH [-k TEXT] FILE.case...
+    run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR] [-k TEXT] FILE.case...
 
 Each case runs zan once, in a fresh temporary directory holding the case's
 fixture files, and compares stdout, stderr and the exit code exactly.
@@ -32,6 +32,10 @@ followed by blocks. A block runs from its "--- " line to the next "--- " or
     --- stdin [noeol]               standard input (default: empty)
     --- file NAME [size=N] [noeol] [text=T]   a text fixture file
     --- zana NAME [size=N] [text=T] ZANA text, assembled by zana2zanb into NAME
+    --- link NAME                   a symbolic link; the body's one line is
+                                    its target
+    --- copy NAME                   a copy of the file the body's one line
+                                    names (a built test plugin, say)
     --- hex NAME [size=N] [text=T]  raw bytes: hex digits ("5a 41" or "5a41"),
                                     "BB*N" for N copies of byte BB, and
                                     "quoted text" for its UTF-8 bytes (escapes
@@ -52,13 +56,16 @@ loses that one backslash, so "\\---" is a line "---" and a lone "\\" is an
 empty line that is kept even at the end. `size=N` cuts the fixture to N bytes
 or pads it with zero bytes to N.
 
-In args, env values, stdin, text fixtures and expected output, @TMP@ stands
-for the case's directory and @ZAN@ for the path of zan. Cases run with the
+Fixture names may hold "/": the directories are made. In args, env values,
+stdin, text fixtures, link and copy bodies and expected output, @TMP@ stands
+for the case's directory, @ZAN@ for the path of zan and @PLUGINS@ for the
+directory of the built test plugins. Cases run with the
 case's directory as working directory and HOME, and an environment holding
 only PATH, HOME and the case's env lines.
 """
 
 import argparse
+import shutil
 import difflib
 import os
 import re
@@ -276,13 +283,20 @@ def parse_file(path):
                 else:
                     text = body_text(b.lines, "noeol" in b.options)
                 setattr(case, b.kind, text.encode("utf-8"))
-            elif b.kind in ("file", "zana", "hex"):
+            elif b.kind in ("file", "zana", "hex", "link", "copy"):
                 if not b.words or "=" in b.words[0]:
                     raise CaseFileError(f"{where}: '--- {b.kind}' needs a file name")
                 name = b.words[0]
-                if "/" in name or name in (".", ".."):
-                    raise CaseFileError(f"{where}: fixture names are plain file names")
+                if name.startswith("/") or ".." in name.split("/") or name in (".", ""):
+                    raise CaseFileError(f"{where}: fixture names are relative paths inside the case")
                 b.words = b.words[1:]
+                if b.kind in ("link", "copy"):
+                    parse_options(b, set(), where)
+                    lines = [l for l in b.lines if l.strip()]
+                    if len(lines) != 1:
+                        raise CaseFileError(f"{where}: a {b.kind} block holds exactly one line")
+                    case.fixtures.append((b.kind, name, lines[0].strip().encode("utf-8"), None))
+                    continue
                 parse_options(b, {"size", "noeol", "text"} if b.kind == "file" else {"size", "text"},
                               where)
                 lines = b.lines
@@ -303,13 +317,28 @@ def parse_file(path):
     return cases
 
 
+PLUGINS = ""  # --plugins
+
+
 def subst(data, tmp, zan):
-    return data.replace(b"@TMP@", tmp.encode()).replace(b"@ZAN@", zan.encode())
+    return data.replace(b"@TMP@", tmp.encode()).replace(b"@ZAN@", zan.encode()).replace(
+        b"@PLUGINS@", PLUGINS.encode())
+
+
+def subst_text(text, tmp, zan):
+    return subst(text.encode("utf-8"), tmp, zan).decode("utf-8")
 
 
 def make_fixtures(case, tmp, zan, zana2zanb, scratch):
     for kind, name, content, size in case.fixtures:
         target = os.path.join(tmp, name)
+        os.makedirs(os.path.dirname(target), exist_ok=True)
+        if kind == "link":
+            os.symlink(subst(content, tmp, zan).decode("utf-8"), target)
+            continue
+        if kind == "copy":
+            shutil.copyfile(subst(content, tmp, zan).decode("utf-8"), target)
+            continue
         if kind == "zana":
             src = os.path.join(scratch, name + ".zana")
             with open(src, "wb") as f:
@@ -360,8 +389,8 @@ def run_case(case, zan, zana2zanb):
             return [err]
         env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": tmp}
         for k, v in case.env.items():
-            env[k] = v.replace("@TMP@", tmp).replace("@ZAN@", zan)
-        argv = [zan] + [a.replace("@TMP@", tmp).replace("@ZAN@", zan) for a in case.args]
+            env[k] = subst_text(v, tmp, zan)
+        argv = [zan] + [subst_text(a, tmp, zan) for a in case.args]
         try:
             r = subprocess.run(argv, cwd=tmp, env=env, input=subst(case.stdin, tmp, zan),
                                capture_output=True, timeout=TIMEOUT_SECONDS)
@@ -386,11 +415,14 @@ def main():
     ap = argparse.ArgumentParser(description="Run zan CLI case files.")
     ap.add_argument("--zan", required=True, help="path of the built zan")
     ap.add_argument("--zana2zanb", required=True, help="path of the ZANA assembler tool")
+    ap.add_argument("--plugins", default="", help="directory of the built test plugins")
     ap.add_argument("-k", dest="filter", help="run only cases whose title contains this text")
     ap.add_argument("files", nargs="+")
     opts = ap.parse_args()
     zan = os.path.realpath(opts.zan)
     zana2zanb = os.path.realpath(opts.zana2zanb)
+    global PLUGINS
+    PLUGINS = os.path.realpath(opts.plugins) if opts.plugins else ""
 
     total = failed = pending = 0
     for path in opts.files:
