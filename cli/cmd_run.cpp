@@ -94,9 +94,3 @@ int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg) {
   std::fprintf(stderr, "zan run: %s: app containers are not supported by this build yet\n", path);
   return 2;
 }
-
-// No runtime plugin can be loaded yet, so none claims the file.
-int cmdRunModel(int argc, char** argv) {
-  std::fprintf(stderr, "runtime unavailable for %s (no runtime plugin matched)\n", argv[2]);
-  return 2;
-}

@@ -19,12 +19,25 @@ int cmdRunModuleFile(const char* path, int argc, char** argv, int firstArg);
 int runZanbBlob(const uint8_t* bytes, uint64_t size, const std::vector<std::string>& args,
                 const char* path);
 
-// `zan type <file>`: a container's header and section table, no plugins.
+// Model tooling: `convert`, `tune` and `info` through plugins (they load
+// them once their arguments passed), `type` without any.
+int cmdConvert(int argc, char** argv);
+int cmdTune(int argc, char** argv);
+int cmdInfo(int argc, char** argv);
 int cmdType(int argc, char** argv);
 
-// Routes whose full handlers come with the app-container and plugin work.
-// Until then an app container is refused and no runtime claims a model.
+// The runtime-plugin drivers of `run`, `chat` and `bench` on a model.
+struct RunOpts;
+int cmdRunViaPlugin(const RunOpts& opts, const std::string& prompt);
+int cmdChatViaPlugin(const RunOpts& opts);
+int cmdBenchViaPlugin(const RunOpts& opts);
+// `chat` and `bench` on a model: usage, flags, then their drivers.
+int cmdChat(int argc, char** argv);
+int cmdBench(int argc, char** argv);
+
+// The app route of `run`; until app containers are built it refuses.
 int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg);
+// The model route of `run`: flags, then the plugin driver.
 int cmdRunModel(int argc, char** argv);
 
 // A word that no row of main's table claims: loads the plugins (unless a

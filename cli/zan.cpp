@@ -64,7 +64,7 @@ int cmdLs(int argc, char** argv) {
 
 // In this order; the first row whose word or alias equals argv[1] runs.
 const Command kCommands[] = {
-    {{"tune"}, nullptr, Loads::AfterArgs},
+    {{"tune"}, cmdTune, Loads::AfterArgs},
     {{"runtime"}, cmdRuntime, Loads::Yes},
     {{"backend"}, cmdBackend, Loads::Yes},
     {{"execution", "executions"}, cmdExecution, Loads::Yes},
@@ -74,10 +74,10 @@ const Command kCommands[] = {
     {{"sampler", "samplers"}, cmdSampler, Loads::Yes},
     {{"ls"}, cmdLs, Loads::InHandler},  // only `ls devices` loads
     {{"plugins", "plugin"}, cmdPlugins, Loads::Yes},
-    {{"chat"}, nullptr, Loads::InHandler},
+    {{"chat"}, cmdChat, Loads::InHandler},
     {{"run"}, cmdRun, Loads::InHandler},  // the model route only
-    {{"bench"}, nullptr, Loads::InHandler},
-    {{"info"}, nullptr, Loads::Yes},
+    {{"bench"}, cmdBench, Loads::InHandler},
+    {{"info"}, cmdInfo, Loads::Yes},
     {{"type"}, cmdType, Loads::No},
     {{"store"}, nullptr, Loads::No},
     {{"pack"}, nullptr, Loads::No},
@@ -89,7 +89,7 @@ const Command kCommands[] = {
     {{"upgrade"}, nullptr, Loads::No},
     {{"source"}, nullptr, Loads::No},
     {{"add-source", "addrepo"}, nullptr, Loads::No},
-    {{"convert"}, nullptr, Loads::AfterArgs},
+    {{"convert"}, cmdConvert, Loads::AfterArgs},
 };
 
 bool claims(const Command& c, const char* word) {
