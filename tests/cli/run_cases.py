@@ -27,8 +27,9 @@ A case opens with header lines (blank lines and "#" comments allowed):
 followed by blocks. A block runs from its "--- " line to the next "--- " or
 "=== " line:
 
-    --- stdout [text=NAME] [noeol]  expected standard output
-    --- stderr [text=NAME] [noeol]  expected standard error
+    --- stdout [text=NAME] [noeol] [hex]  expected standard output; with
+                                    hex, bytes written as in a hex block
+    --- stderr [text=NAME] [noeol] [hex]  expected standard error
     --- stdin [noeol]               standard input (default: empty)
     --- file NAME [size=N] [noeol] [text=T]   a text fixture file
     --- zana NAME [size=N] [text=T] ZANA text, assembled by zana2zanb into NAME
@@ -268,7 +269,7 @@ def parse_file(path):
         for b in s["blocks"]:
             where = f"{path}:{b.lineno}"
             if b.kind in ("stdout", "stderr", "stdin"):
-                parse_options(b, {"text", "noeol"} if b.kind != "stdin" else {"noeol"}, where)
+                parse_options(b, {"text", "noeol", "hex"} if b.kind != "stdin" else {"noeol"}, where)
                 if b.kind in seen:
                     raise CaseFileError(f"{where}: second {b.kind} block")
                 seen.add(b.kind)
@@ -280,6 +281,9 @@ def parse_file(path):
                     text = texts[b.options["text"]]
                     if "noeol" in b.options and text.endswith("\n"):
                         text = text[:-1]
+                elif "hex" in b.options:
+                    setattr(case, b.kind, hex_bytes(b.lines, where))
+                    continue
                 else:
                     text = body_text(b.lines, "noeol" in b.options)
                 setattr(case, b.kind, text.encode("utf-8"))
