@@ -175,30 +175,34 @@ int madvise(void* address, size_t length, int advice) {
   return 0;
 }
 
-int zanCompatGetcwd(char* buf, size_t size) {
-  wchar_t wdir[kPathChars];
-  DWORD wlen = GetCurrentDirectoryW(kPathChars, wdir);
-  if (wlen == 0 || wlen > kPathChars - 1) return -1;
-  // Room for the terminator is kept back; a text that does not fit fails
-  // the conversion as a whole.
+namespace {
+
+// `wlen` wide characters as zero-terminated UTF-8 into `buf`; room for the
+// terminator is kept back, and a text that does not fit fails as a whole.
+int wideToUtf8(const wchar_t* wide, DWORD wlen, char* buf, size_t size) {
   if (!buf || size < 2) return -1;
   int room = size - 1 > size_t(INT_MAX) ? INT_MAX : int(size - 1);
-  int n = WideCharToMultiByte(CP_UTF8, 0, wdir, int(wlen), buf, room, nullptr, nullptr);
+  int n = WideCharToMultiByte(CP_UTF8, 0, wide, int(wlen), buf, room, nullptr, nullptr);
   if (n < 1) return -1;
   buf[n] = '\0';
   return 0;
 }
 
+}  // namespace
+
+int zanCompatGetcwd(char* buf, size_t size) {
+  wchar_t wdir[kPathChars];
+  DWORD wlen = GetCurrentDirectoryW(kPathChars, wdir);
+  if (wlen == 0 || wlen > kPathChars - 1) return -1;
+  return wideToUtf8(wdir, wlen, buf, size);
+}
+
 int zanCompatExePath(char* buf, size_t size) {
   wchar_t wpath[kPathChars];
   DWORD wlen = GetModuleFileNameW(nullptr, wpath, kPathChars);
+  // A full buffer means the path was cut short.
   if (wlen == 0 || wlen >= kPathChars) return -1;
-  if (!buf || size < 2) return -1;
-  int room = size - 1 > size_t(INT_MAX) ? INT_MAX : int(size - 1);
-  int n = WideCharToMultiByte(CP_UTF8, 0, wpath, int(wlen), buf, room, nullptr, nullptr);
-  if (n < 1) return -1;
-  buf[n] = '\0';
-  return 0;
+  return wideToUtf8(wpath, wlen, buf, size);
 }
 
 int zanCompatIsatty(int fd) { return _isatty(fd); }

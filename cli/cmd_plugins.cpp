@@ -21,6 +21,15 @@ unsigned long long ull(uint64_t v) { return static_cast<unsigned long long>(v); 
 
 PluginManager& mgr() { return PluginManager::instance(); }
 
+// The info text most kinds share; the others add one line to it.
+template <typename D>
+bool printInfo(const D* d) {
+  if (d)
+    std::printf("id: %s\nname: %s\nabi: %u\ncapabilities: 0x%llx\n", d->id, orEmpty(d->name), d->abi,
+                ull(d->caps));
+  return d != nullptr;
+}
+
 // One record kind: its words and messages, and how it lists, shows and
 // probes. Unused operations are null.
 struct Kind {
@@ -104,13 +113,7 @@ const Kind kRuntime = {
       const ZANRuntimeDesc* d = mgr().runtimes[i];
       std::printf("  %-20s %-32s ABI %u caps=0x%llx\n", orEmpty(d->id), orEmpty(d->name), d->abi, ull(d->caps));
     },
-    [](const char* id) {
-      const ZANRuntimeDesc* d = mgr().findRuntime(id);
-      if (d)
-        std::printf("id: %s\nname: %s\nabi: %u\ncapabilities: 0x%llx\n", d->id, orEmpty(d->name), d->abi,
-                    ull(d->caps));
-      return d != nullptr;
-    },
+    [](const char* id) { return printInfo(mgr().findRuntime(id)); },
     [](const char* path) {
       ZANRuntimeProbe p{};
       const ZANRuntimeDesc* d = mgr().probeModel(path, &p);
@@ -156,13 +159,7 @@ const Kind kExecution = {
       const ZANExecutionDesc* d = mgr().execs[i];
       std::printf("  %-16s %-28s ABI %u caps=0x%llx\n", orEmpty(d->id), orEmpty(d->name), d->abi, ull(d->caps));
     },
-    [](const char* id) {
-      const ZANExecutionDesc* d = mgr().findExec(id);
-      if (d)
-        std::printf("id: %s\nname: %s\nabi: %u\ncapabilities: 0x%llx\n", d->id, orEmpty(d->name), d->abi,
-                    ull(d->caps));
-      return d != nullptr;
-    },
+    [](const char* id) { return printInfo(mgr().findExec(id)); },
     nullptr,
 };
 
@@ -209,13 +206,7 @@ const Kind kTrainer = {
       const ZANTrainerDesc* d = mgr().trainers[i];
       std::printf("  %-10s %-44s ABI %u caps=0x%llx\n", orEmpty(d->id), orEmpty(d->name), d->abi, ull(d->caps));
     },
-    [](const char* id) {
-      const ZANTrainerDesc* d = mgr().findTrainer(id);
-      if (d)
-        std::printf("id: %s\nname: %s\nabi: %u\ncapabilities: 0x%llx\n", d->id, orEmpty(d->name), d->abi,
-                    ull(d->caps));
-      return d != nullptr;
-    },
+    [](const char* id) { return printInfo(mgr().findTrainer(id)); },
     [](const char* path) {
       ZANTrainerProbe p{};
       const ZANTrainerDesc* d = mgr().probeTrainer(path, &p);
@@ -262,13 +253,7 @@ const Kind kSampler = {
       const ZANSamplerDesc* d = mgr().samplers[i];
       std::printf("  %-10s %-52s ABI %u caps=0x%llx\n", orEmpty(d->id), orEmpty(d->name), d->abi, ull(d->caps));
     },
-    [](const char* id) {
-      const ZANSamplerDesc* d = mgr().findSampler(id);
-      if (d)
-        std::printf("id: %s\nname: %s\nabi: %u\ncapabilities: 0x%llx\n", d->id, orEmpty(d->name), d->abi,
-                    ull(d->caps));
-      return d != nullptr;
-    },
+    [](const char* id) { return printInfo(mgr().findSampler(id)); },
     nullptr,
 };
 
