@@ -16,13 +16,13 @@ bool is(const char* word, std::initializer_list<const char*> names) {
 // that isn't a number reads as 0.
 uint64_t toU64(const char* s) { return std::strtoull(s, nullptr, 10); }
 
-// The checks run once all words are read: one spec per kind (or a second
-// one on the index that the rule below allows), "all" only last, and a
-// plan that leaves the rest to one side.
+// The checks run once all words are read: one device entry per kind (or a
+// second one on the index that the rule below allows), "all" only last, and
+// a plan that leaves the rest to one side.
 bool completeDevices(std::vector<RunOpts::DevSpec>& specs) {
   if (specs.empty()) return true;
-  // The first spec of a kind keeps its index plus 1 in one byte; a later
-  // spec of that kind must name exactly that index.
+  // The first entry of a kind keeps its index plus 1 in one byte; a later
+  // entry of that kind must name exactly that index.
   uint8_t firstOf[2] = {0, 0};
   for (size_t i = 0; i < specs.size(); ++i) {
     const RunOpts::DevSpec& s = specs[i];
