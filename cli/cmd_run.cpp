@@ -89,8 +89,3 @@ int cmdRun(int argc, char** argv) {
   if (isAppContainer(argv[2])) return cmdRunAppContainer(argv[2], argc, argv, 3);
   return cmdRunModel(argc, argv);
 }
-
-int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg) {
-  std::fprintf(stderr, "zan run: %s: app containers are not supported by this build yet\n", path);
-  return 2;
-}

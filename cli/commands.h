@@ -35,7 +35,11 @@ int cmdBenchViaPlugin(const RunOpts& opts);
 int cmdChat(int argc, char** argv);
 int cmdBench(int argc, char** argv);
 
-// The app route of `run`; until app containers are built it refuses.
+// App containers: `pack`, `appinfo`, `pack-apk`, and the app route of
+// `run`, whose guest arguments start at argv[firstArg].
+int cmdPackApp(int argc, char** argv);
+int cmdAppInfo(int argc, char** argv);
+int cmdPackApk(int argc, char** argv);
 int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg);
 // The model route of `run`: flags, then the plugin driver.
 int cmdRunModel(int argc, char** argv);
