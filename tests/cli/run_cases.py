@@ -31,7 +31,8 @@ followed by blocks. A block runs from its "--- " line to the next "--- " or
                                     hex, bytes written as in a hex block
     --- stderr [text=NAME] [noeol] [hex]  expected standard error
     --- stdin [noeol]               standard input (default: empty)
-    --- file NAME [size=N] [noeol] [text=T]   a text fixture file
+    --- file NAME [size=N] [noeol] [text=T] [exec]   a text fixture file;
+                                    exec makes it executable
     --- zana NAME [size=N] [text=T] ZANA text, assembled by zana2zanb into NAME
     --- link NAME                   a symbolic link; the body's one line is
                                     its target
@@ -301,7 +302,7 @@ def parse_file(path):
                         raise CaseFileError(f"{where}: a {b.kind} block holds exactly one line")
                     case.fixtures.append((b.kind, name, lines[0].strip().encode("utf-8"), None))
                     continue
-                parse_options(b, {"size", "noeol", "text"} if b.kind == "file" else {"size", "text"},
+                parse_options(b, {"size", "noeol", "text", "exec"} if b.kind == "file" else {"size", "text"},
                               where)
                 lines = b.lines
                 if "text" in b.options:
@@ -314,7 +315,8 @@ def parse_file(path):
                     content = hex_bytes(lines, where)
                 else:
                     content = body_text(lines, "noeol" in b.options).encode("utf-8")
-                case.fixtures.append((b.kind, name, content, b.options.get("size")))
+                kind = "exec" if "exec" in b.options else b.kind
+                case.fixtures.append((kind, name, content, b.options.get("size")))
             else:
                 raise CaseFileError(f"{where}: unknown block kind {b.kind!r}")
         cases.append(case)
@@ -357,12 +359,14 @@ def make_fixtures(case, tmp, zan, zana2zanb, scratch):
                     "utf-8", "backslashreplace").strip()
             with open(target, "rb") as f:
                 content = f.read()
-        elif kind == "file":
+        elif kind in ("file", "exec"):
             content = subst(content, tmp, zan)
         if size is not None:
             content = content[:size] + b"\0" * max(0, size - len(content))
         with open(target, "wb") as f:
             f.write(content)
+        if kind == "exec":
+            os.chmod(target, 0o755)
     return None
 
 

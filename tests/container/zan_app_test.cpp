@@ -1,0 +1,247 @@
+// App containers: collecting directories (skipped names, links, modes, the
+// platform and entry rules), the exact byte layout of a packed file, round
+// trips, and hostile containers given to read.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "container/zan2.h"
+#include "container/zan_app.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using tov::zanapp::File;
+using tov::zanapp::PackOptions;
+
+fs::path freshDir(const std::string& name) {
+  const fs::path d = fs::path(::testing::TempDir()) / ("zanapp_" + name);
+  fs::remove_all(d);
+  fs::create_directories(d);
+  return d;
+}
+
+void put(const fs::path& p, const std::string& text, bool exec = false) {
+  fs::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << text;
+  fs::permissions(p, exec ? fs::perms(0755) : fs::perms(0644));
+}
+
+std::string slurp(const fs::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<std::string> paths(const std::vector<File>& files) {
+  std::vector<std::string> out;
+  for (const File& f : files) out.push_back(f.path);
+  return out;
+}
+
+TEST(ZanApp, CollectWalksAndSkips) {
+  const fs::path d = freshDir("collect");
+  put(d / "main.zanb", "ZANB");
+  put(d / "run.sh", "#!/bin/sh\n", true);
+  put(d / ".gitignore", "x");
+  put(d / "node_modules", "a file named like a skipped directory");
+  put(d / ".git/config", "skipped");
+  put(d / "assets/.gradle/x", "skipped");
+  put(d / "assets/img/b.png", "png");
+  put(d / "assets/a b.txt", "space");
+  put(d / "real.txt", "target");
+  fs::create_symlink("real.txt", d / "link.txt");
+  fs::create_symlink("missing", d / "broken");
+  fs::create_directory_symlink(d / "assets", d / "dirlink");
+  std::vector<File> files;
+  PackOptions o;
+  std::string err;
+  ASSERT_TRUE(tov::zanapp::collect(d.string(), files, o, err)) << err;
+  EXPECT_EQ(paths(files), (std::vector<std::string>{".gitignore", "assets/a b.txt", "assets/img/b.png", "link.txt",
+                                                    "main.zanb", "real.txt", "run.sh"}));
+  EXPECT_EQ(files[3].bytes, "target");
+  EXPECT_EQ(files[6].mode, 0755u);
+  EXPECT_EQ(files[0].mode, 0644u);
+  EXPECT_EQ(o.platform, "zanb");
+  EXPECT_EQ(o.entry, "main.zanb");
+
+  std::vector<File> none;
+  EXPECT_FALSE(tov::zanapp::collect((d / "nope").string(), none, o, err));
+  EXPECT_EQ(err, "'" + (d / "nope").string() + "' is not a directory");
+  const fs::path empty = freshDir("empty");
+  fs::create_directories(empty / ".git");
+  put(empty / ".git/HEAD", "x");
+  EXPECT_FALSE(tov::zanapp::collect(empty.string(), none, o, err));
+  EXPECT_EQ(err, "no files under '" + empty.string() + "'");
+}
+
+TEST(ZanApp, PlatformAndEntryRules) {
+  struct F {
+    const char* path;
+    bool exec;
+  };
+  const struct {
+    std::vector<F> files;
+    const char* platform;
+    const char* entry;
+  } cases[] = {
+      {{{"main.zanb", false}}, "zanb", "main.zanb"},
+      {{{"app.exe", false}, {"main.zanb", false}}, "windows", "main.zanb"},
+      {{{"b.exe", false}, {"a.exe", false}}, "windows", "a.exe"},  // sorted first
+      {{{"index.html", false}}, "zanb", "index.html"},
+      {{{"index.html", false}, {"flutter_bootstrap.js", false}}, "web", "index.html"},
+      {{{"data/flutter_assets/x", false}, {"tool", true}, {"readme", false}}, "linux", "tool"},
+      {{{"z.zana", false}, {"b.zanb", false}}, "zanb", "b.zanb"},
+      {{{"sub/main.zanb", false}}, "zanb", ""},  // nothing at the top level
+      {{{"a.txt", false}, {"b.txt", false}}, "zanb", "a.txt"},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    const fs::path d = freshDir("rules" + std::to_string(n++));
+    for (const F& f : c.files) put(d / f.path, "x", f.exec);
+    std::vector<File> files;
+    PackOptions o;
+    std::string err;
+    ASSERT_TRUE(tov::zanapp::collect(d.string(), files, o, err)) << err;
+    EXPECT_EQ(o.platform, c.platform) << c.files[0].path;
+    EXPECT_EQ(o.entry, c.entry) << c.files[0].path;
+  }
+}
+
+TEST(ZanApp, PackLayoutByteByByte) {
+  const fs::path out = freshDir("layout") / "a.zan";
+  PackOptions o;
+  o.name = "t\"q";
+  o.extra = "\"icon\":\"i.png\",\"n\":3";
+  std::vector<File> files = {{"b.bin", std::string(70, 'b'), 0644}, {"a.zanb", "ZANBxyz", 0755}};
+  std::string err;
+  ASSERT_TRUE(tov::zanapp::pack(out.string(), o, files, err)) << err;
+  const std::string f = slurp(out);
+  const uint8_t* b = reinterpret_cast<const uint8_t*>(f.data());
+  const tov::zan2::Header h = tov::zan2::decodeHeader(b);
+  EXPECT_TRUE(h.magicOk());
+  EXPECT_EQ(h.version, 2u);
+  EXPECT_EQ(h.sectionCount, 3u);
+  EXPECT_EQ(h.kind, 6);
+  EXPECT_EQ(h.modelType + h.hiddenSize + h.layers + h.vocab + h.tensorCount, 0u);
+  EXPECT_EQ(h.crc, tov::zan2::crc64((f.substr(0, 56) + f.substr(64, 72)).data(), 128));
+
+  const std::string manifest =
+      "{\"kind\":\"zanb-app\",\"name\":\"t\\\"q\",\"version\":\"0.1.0\",\"desc\":\"\",\"platform\":\"zanb\","
+      "\"entry\":\"a.zanb\",\"flutter\":false,\"icon\":\"i.png\",\"n\":3,\"indexSection\":2,\"payloadSection\":1}\n";
+  const auto sec = [&](int i) { return tov::zan2::decodeSection(b + 64 + 24 * i); };
+  EXPECT_EQ(sec(0).type, 13u);
+  EXPECT_EQ(sec(0).offset, 192u);
+  EXPECT_EQ(f.substr(192, sec(0).size), manifest);
+  EXPECT_EQ(sec(1).type, 14u);
+  EXPECT_EQ(sec(1).offset, (manifest.size() + 255) / 64 * 64);
+  EXPECT_EQ(f.substr(sec(1).offset, sec(1).size), "ZANBxyz" + std::string(70, 'b'));
+  EXPECT_EQ(sec(2).type, 15u);
+  EXPECT_EQ(sec(2).offset, (sec(1).offset + 77 + 63) / 64 * 64);
+  EXPECT_EQ(f.substr(sec(2).offset), "755 0 7 a.zanb\n644 7 70 b.bin\n");  // the file ends with the index
+  EXPECT_EQ(f.substr(136, 56), std::string(56, '\0'));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(sec(i).flags, 0u);
+
+  // Where the payload starts for manifests of 1, 64 and 65 bytes.
+  for (const auto& [len, at] : {std::pair{1u, 256u}, {64u, 256u}, {65u, 320u}})
+    EXPECT_EQ((len + 255) & ~63u, at);
+}
+
+TEST(ZanApp, RoundTrip) {
+  const fs::path d = freshDir("roundtrip");
+  put(d / "main.zana", "func 0 main slots=1\nret\n");
+  put(d / "bin/tool", std::string("\0\1\2", 3), true);
+  put(d / "docs/a b/c.txt", "");
+  const fs::path out = freshDir("roundtrip-out") / "x.zan";
+  PackOptions o;
+  o.desc = "line\nbreak";
+  std::string err;
+  ASSERT_TRUE(tov::zanapp::packDirectory(d.string(), out.string(), o, err)) << err;
+  std::string manifest = "untouched";
+  std::vector<File> files;
+  ASSERT_TRUE(tov::zanapp::read(out.string(), manifest, files, err)) << err;
+  EXPECT_NE(manifest.find("\"desc\":\"line\\nbreak\""), std::string::npos);
+  EXPECT_NE(manifest.find("\"entry\":\"main.zana\""), std::string::npos);
+  ASSERT_EQ(paths(files), (std::vector<std::string>{"bin/tool", "docs/a b/c.txt", "main.zana"}));
+  EXPECT_EQ(files[0].bytes, std::string("\0\1\2", 3));
+  EXPECT_EQ(files[0].mode, 0755u);
+  EXPECT_EQ(files[1].bytes, "");
+  EXPECT_EQ(files[2].bytes, "func 0 main slots=1\nret\n");
+
+  EXPECT_FALSE(tov::zanapp::pack(out.string(), o, {}, err));
+  EXPECT_EQ(err, "no files to pack");
+  EXPECT_FALSE(tov::zanapp::pack("/nonexistent-dir/x.zan", o, files, err));
+  EXPECT_EQ(err, "cannot create /nonexistent-dir/x.zan");
+}
+
+// A container built by hand: sections given as (type, offset, size) over a
+// body placed from offset 192.
+std::string container(const std::vector<tov::zan2::SectionEntry>& secs, const std::string& body,
+                      uint32_t count = 0) {
+  std::string f(64 + 24 * secs.size(), '\0');
+  tov::zan2::Header h;
+  std::memcpy(h.magic, "ZAN2", 4);
+  h.sectionCount = count ? count : uint32_t(secs.size());
+  tov::zan2::encodeHeader(h, reinterpret_cast<uint8_t*>(f.data()));
+  for (size_t i = 0; i < secs.size(); ++i)
+    tov::zan2::encodeSection(secs[i], reinterpret_cast<uint8_t*>(f.data() + 64 + 24 * i));
+  f.resize(std::max<size_t>(f.size(), 192), '\0');
+  return f + body;
+}
+
+TEST(ZanApp, HostileContainers) {
+  const std::string idx = "644 0 3 ok.txt\n644 1 2 ../evil\n644 0 1 a..b\n644 0 1 \n6440 1 x\n644 2 1 last.txt\nno-nl";
+  const uint64_t payAt = 192, idxAt = 192 + 8;
+  const std::string body = std::string("PAY") + std::string(5, '\0') + idx;
+  const std::string huge = "644 18446744073709551615 2 w\n";  // offset + size wraps
+  const struct {
+    std::string file;
+    const char* err;  // null: reads
+  } cases[] = {
+      {"", "cannot read @"},
+      {std::string(63, 'Z'), "cannot read @"},
+      {"ZAN3" + std::string(100, '\0'), "not an ZAN container"},
+      {container({}, "", 0), "bad section count"},
+      {container({}, "", 65537), "bad section count"},
+      {container({}, "", 5).substr(0, 64 + 24 * 5 - 1), "truncated section table"},
+      {container({{14, 0, payAt, 3}}, body), "not an app container (no AppPayload/AppIndex)"},
+      {container({{1, 0, 192, 4}, {4, 0, 196, 0}, {5, 0, 196, 0}}, "meta"),
+       "not an app container (no AppPayload/AppIndex)"},
+      {container({{14, 0, payAt, 3}, {15, 0, idxAt, 1 << 20}}, body), "section out of bounds"},
+      {container({{14, 0, ~0ULL, 2}, {15, 0, idxAt, idx.size()}}, body), "section out of bounds"},
+      {container({{14, 0, payAt, 3}, {15, 0, idxAt, idx.size()}}, body), nullptr},
+      {container({{14, 0, payAt, 2}, {15, 0, idxAt, idx.size()}}, body), "entry out of bounds: ok.txt"},
+      {container({{14, 0, payAt, 3}, {15, 0, idxAt, huge.size()}}, body.substr(0, 8) + huge), "entry out of bounds: w"},
+  };
+  const std::string path = (freshDir("hostile") / "h.zan").string();
+  for (const auto& c : cases) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << c.file;
+    std::string manifest = "kept", err;
+    std::vector<File> files;
+    const bool ok = tov::zanapp::read(path, manifest, files, err);
+    if (!c.err) {
+      ASSERT_TRUE(ok) << err;
+      EXPECT_EQ(manifest, "kept");  // no manifest section: left as it was
+      ASSERT_EQ(paths(files), (std::vector<std::string>{"ok.txt", "last.txt"}));
+      EXPECT_EQ(files[0].bytes, "PAY");
+      EXPECT_EQ(files[1].bytes, "Y");
+      continue;
+    }
+    EXPECT_FALSE(ok);
+    std::string want = c.err;
+    if (want == "cannot read @") want = "cannot read " + path;
+    EXPECT_EQ(err, want);
+  }
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      << container({{13, 0, 400, 5}, {14, 0, payAt, 3}, {15, 0, idxAt, 15}, {13, 0, 192, 3}}, body);
+  std::string manifest, err;
+  std::vector<File> files;
+  ASSERT_TRUE(tov::zanapp::read(path, manifest, files, err)) << err;
+  EXPECT_EQ(manifest, "PAY");  // the last manifest entry counts
+}
+
+}  // namespace
