@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "cli/devices.h"
+#include "tests/test_tmp.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ void put(const fs::path& p, const std::string& text) {
 }
 
 fs::path freshRoot(const char* name) {
-  const fs::path root = fs::path(::testing::TempDir()) / name;
+  const fs::path root = fs::path(testTempDir()) / name;
   fs::remove_all(root);
   fs::create_directories(root);
   return root;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/run_opts.h"
+#include "tests/test_tmp.h"
 
 namespace {
 
@@ -177,7 +178,7 @@ TEST(RunOpts, SmallParsers) {
 }
 
 TEST(RunOpts, SystemFromFile) {
-  const std::string dir = ::testing::TempDir();
+  const std::string dir = testTempDir();
   auto write = [&](const std::string& name, const std::string& text) {
     std::ofstream(dir + name, std::ios::binary) << text;
     return dir + name;

@@ -13,6 +13,7 @@
 #include "container/zan2.h"
 #include "container/zan2_reader.h"
 #include "container/zan2_writer.h"
+#include "tests/test_tmp.h"
 
 namespace {
 
@@ -57,7 +58,7 @@ std::string minimal(uint32_t tensors = 0) {
   return build({{1, kEmptyMeta}, {4, std::string(128 * tensors, '\0')}, {5, ""}}, tensors);
 }
 
-std::string tempPath(const std::string& name) { return ::testing::TempDir() + "zan2_" + name; }
+std::string tempPath(const std::string& name) { return testTempDir() + "zan2_" + name; }
 
 std::string writeTemp(const std::string& bytes, const std::string& name = "case.zan") {
   const std::string path = tempPath(name);

@@ -12,6 +12,7 @@
 
 #include "container/zan2.h"
 #include "container/zan_app.h"
+#include "tests/test_tmp.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ using tov::zanapp::File;
 using tov::zanapp::PackOptions;
 
 fs::path freshDir(const std::string& name) {
-  const fs::path d = fs::path(::testing::TempDir()) / ("zanapp_" + name);
+  const fs::path d = fs::path(testTempDir()) / ("zanapp_" + name);
   fs::remove_all(d);
   fs::create_directories(d);
   return d;

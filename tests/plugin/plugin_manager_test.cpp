@@ -10,6 +10,7 @@
 
 #include "base/compat.h"
 #include "plugin/plugin_manager.h"
+#include "tests/test_tmp.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ std::string exePlugins() {
 }
 
 TEST(PluginSearchList, Rules) {
-  const fs::path home = fs::path(::testing::TempDir()) / "zan-home";
+  const fs::path home = fs::path(testTempDir()) / "zan-home";
   fs::create_directories(home / ".local/lib/zan/plugins");
   fs::create_directories(home / ".zan/plugin");
   const std::string h = home.string();
