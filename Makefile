@@ -5,10 +5,11 @@ RELEASE     ?= build-release
 ASAN        ?= build-asan
 FUZZ        ?= build-fuzz
 FUZZ_TIME   ?= 60
+PREFIX      ?= /usr/local
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps demo test bench test-asan fuzz clean
+.PHONY: all deps demo test bench test-asan fuzz install clean
 
 all: deps
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
@@ -35,6 +36,13 @@ test-asan: deps
 	cmake -S . -B $(ASAN) -DCMAKE_BUILD_TYPE=Debug -DZAN_SANITIZE=ON $(CMAKE_FLAGS) >/dev/null
 	cmake --build $(ASAN) -j $(JOBS)
 	cd $(ASAN) && ctest --output-on-failure -j $(JOBS)
+
+# zan into $(PREFIX)/bin and our plugins into $(PREFIX)/bin/plugins, where
+# the installed zan finds them beside itself.
+install: deps
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF -DZAN_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf
+	cmake --install $(RELEASE) --prefix $(PREFIX)
 
 # libFuzzer runs of the JSON reader and the container reader, FUZZ_TIME
 # seconds each.

@@ -58,7 +58,8 @@ loses that one backslash, so "\\---" is a line "---" and a lone "\\" is an
 empty line that is kept even at the end. `size=N` cuts the fixture to N bytes
 or pads it with zero bytes to N.
 
-Fixture names may hold "/": the directories are made. In args, env values,
+Fixture names may hold "/": the directories are made. Cases run a copy of zan placed in a directory of its own, with no plugins
+beside it. In args, env values,
 stdin, text fixtures, link and copy bodies and expected output, @TMP@ stands
 for the case's directory, @ZAN@ for the path of zan and @PLUGINS@ for the
 directory of the built test plugins. Cases run with the
@@ -427,7 +428,20 @@ def main():
     ap.add_argument("-k", dest="filter", help="run only cases whose title contains this text")
     ap.add_argument("files", nargs="+")
     opts = ap.parse_args()
-    zan = os.path.realpath(opts.zan)
+    # Cases run a copy of zan in a directory of its own, so that the plugins
+    # built beside the real one (found through the executable's directory)
+    # don't join every case; cases choose their plugins with ZAN_PLUGIN_PATH,
+    # ./plugins or HOME.
+    bindir = tempfile.mkdtemp(prefix="zan-cli-bin-")
+    zan = os.path.join(bindir, "zan")
+    shutil.copy2(os.path.realpath(opts.zan), zan)
+    try:
+        return run_files(opts, zan)
+    finally:
+        shutil.rmtree(bindir, ignore_errors=True)
+
+
+def run_files(opts, zan):
     zana2zanb = os.path.realpath(opts.zana2zanb)
     global PLUGINS
     PLUGINS = os.path.realpath(opts.plugins) if opts.plugins else ""
