@@ -1,0 +1,1 @@
+#include "plugins/llama/kernels.h"

@@ -1,0 +1,75 @@
+// The number crunching of the llama runtime: matrix-vector products over
+// weights stored as F32, F16, BF16, Q8_0 or Q4_0 rows, row dequantisation,
+// and a small pool that spreads rows over all cores. The AVX2/FMA/F16C
+// paths are chosen at run time from what the CPU reports; a portable path
+// stands behind them.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace llama {
+
+// Tensor element types, in ggml numbering as the GGUF importer writes them.
+enum DType : uint16_t { kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ8_0 = 8, kBF16 = 30 };
+
+bool dtypeSupported(uint16_t t);
+// Bytes of one row of `cols` elements (cols a multiple of 32 for Q8_0/Q4_0).
+size_t rowBytes(DType t, size_t cols);
+
+// Half and bfloat16 conversions, exact for every value (round to nearest
+// even on the way down).
+float f16ToF32(uint16_t h);
+uint16_t f32ToF16(float f);
+float bf16ToF32(uint16_t h);
+
+// y[r] = sum_c W[r][c] * x[c] for r in [r0, r1). W holds rows of `cols`
+// elements of type t, one after another. The Q8_0 and Q4_0 paths may
+// quantise x to 8 bits per 32-element block first (as the weights are),
+// which is within the error those formats carry anyway; F32, F16 and BF16
+// accumulate in f32 without rounding x.
+void matvecRows(DType t, const void* W, size_t cols, const float* x, float* y, size_t r0, size_t r1);
+
+// Row `row` of W as f32 into out[0, cols).
+void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out);
+
+// Which instruction paths are in use ("avx2+fma+f16c" or "portable").
+const char* kernelPath();
+// Forces the portable path (tests compare the two).
+void forcePortable(bool on);
+
+// A fixed set of worker threads; run() splits [0, n) into contiguous
+// chunks, one per thread (the caller's thread takes one too), and returns
+// when all are done. One run at a time.
+class ThreadPool {
+ public:
+  explicit ThreadPool(unsigned threads = 0);  // 0: all cores
+  ~ThreadPool();
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  unsigned size() const { return unsigned(workers_.size()) + 1; }
+  void run(size_t n, const std::function<void(size_t begin, size_t end)>& fn);
+
+ private:
+  void work(unsigned index);
+
+  std::vector<std::thread> workers_;
+  std::mutex mu_;
+  std::condition_variable wake_, done_;
+  const std::function<void(size_t, size_t)>* job_ = nullptr;
+  size_t n_ = 0;
+  uint64_t generation_ = 0;
+  unsigned pending_ = 0;
+  bool stop_ = false;
+};
+
+// matvecRows over all rows, spread over the pool.
+void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* x, float* y);
+
+}  // namespace llama

@@ -1,0 +1,70 @@
+// Text to token ids and back for the llama runtime, from the tokenizer
+// section of a model container: SentencePiece-style BPE by piece scores
+// with byte fallback ("llama"), and byte-level BPE by merge ranks ("gpt2").
+// Decoding streams: bytes of a character that spans tokens are held back
+// until the character is complete, so every piece handed out is valid UTF-8.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "container/zan2_reader.h"
+
+namespace llama {
+
+class Tokenizer {
+ public:
+  enum class Kind { Spm, Bpe };
+
+  // From the container's tokenizer data; false with `err` for an empty or
+  // inconsistent vocabulary or an unknown tokenizer name.
+  bool init(const tov::TokenizerData& data, std::string& err);
+
+  // Token ids of `text`; with `addBos` and a BOS id, BOS first. With
+  // `special`, the texts of control tokens (such as "<|im_start|>") that
+  // occur in `text` become those tokens instead of being split.
+  std::vector<int32_t> encode(std::string_view text, bool addBos, bool special = false) const;
+
+  // The bytes token `id` stands for ("▁" as a space, "<0xAB>" as that byte,
+  // the GPT-2 byte alphabet mapped back); control tokens give "".
+  std::string piece(int32_t id) const;
+
+  Kind kind() const { return kind_; }
+  size_t size() const { return vocab_.size(); }
+  int32_t bos() const { return bos_; }  // -1 when there is none
+  int32_t eos() const { return eos_; }
+  bool addBos() const { return addBos_; }
+  bool isControl(int32_t id) const;
+  // The id of a piece exactly as the vocabulary spells it, or -1.
+  int32_t find(std::string_view text) const;
+
+ private:
+  Kind kind_ = Kind::Spm;
+  std::vector<std::string> vocab_;
+  std::vector<float> scores_;
+  std::vector<uint32_t> types_;
+  std::unordered_map<std::string, int32_t> ids_;
+  std::unordered_map<std::string, int32_t> mergeRank_;  // "a b" -> rank
+  int32_t bos_ = -1, eos_ = -1, unk_ = -1;
+  bool addBos_ = false;
+  int32_t byteTokens_[256];  // SPM: id of "<0xAB>", or -1
+  std::vector<int32_t> controls_;  // ids of control tokens, longest text first
+};
+
+// Streams the text of generated tokens: push() gives what can be shown now,
+// holding back the start of a character that isn't complete yet.
+class Detokenizer {
+ public:
+  explicit Detokenizer(const Tokenizer& tok) : tok_(tok) {}
+  std::string push(int32_t id);
+  std::string flush();  // whatever is held back, as it is
+
+ private:
+  const Tokenizer& tok_;
+  std::string pending_;
+};
+
+}  // namespace llama
