@@ -42,28 +42,20 @@ struct Prog {
   std::vector<FuncMeta> funcs;
   std::vector<Global> globals;
   std::vector<DataSeg> segs;
-  std::string names;
   std::vector<uint8_t> data;
   std::vector<Insn> code;
 
   uint32_t here() const { return uint32_t(code.size()); }
   uint32_t fn(uint32_t slots, const std::vector<Insn>& body, uint32_t params = 0) {
-    FuncMeta f{};
-    f.slots = slots;
-    f.params = params;
-    f.codeStart = here();
-    f.codeLen = uint32_t(body.size());
+    funcs.push_back(FuncMeta{0, 0, params, 0, slots, 0, here(), uint32_t(body.size())});
     code.insert(code.end(), body.begin(), body.end());
-    funcs.push_back(f);
     return uint32_t(funcs.size() - 1);
   }
   void seg(uint64_t memOff, const std::string& bytes) {
     segs.push_back(DataSeg{memOff, bytes.size(), data.size()});
     data.insert(data.end(), bytes.begin(), bytes.end());
   }
-  std::vector<uint8_t> bytes() const {
-    return writeModule(header, funcs, globals, segs, names, data, code);
-  }
+  std::vector<uint8_t> bytes() const { return writeModule(header, funcs, globals, segs, "", data, code); }
 };
 
 struct Result {
@@ -82,22 +74,12 @@ inline Result run(const Prog& p, VmConfig cfg = {}) {
 
 // Frames built by eval() have 32 slots; 28..31 are scratch for the dumps
 // below, and guest address kOut is their staging word.
-inline constexpr uint32_t kFrame = 32;
 inline constexpr uint32_t kOut = 0xFF00;
 inline constexpr uint64_t kMark = 0x5A5A5A5A5A5A5A5Aull;
 
 // write(1, addr, len) through the scratch slots.
 inline void dumpMem(std::vector<Insn>& v, uint32_t addr, uint32_t len) {
-  v.push_back(konst(28, 1));
-  v.push_back(konst(29, addr));
-  v.push_back(konst(30, len));
-  v.push_back(sys(1, 31, 28));
-}
-// Slot `s` to stdout as 8 little-endian bytes.
-inline void dumpSlot(std::vector<Insn>& v, uint32_t s) {
-  v.push_back(konst(29, kOut));
-  v.push_back(op(Op_store, 29, s, 0, kI64));
-  dumpMem(v, kOut, 8);
+  v.insert(v.end(), {konst(28, 1), konst(29, addr), konst(30, len), sys(1, 31, 28)});
 }
 
 inline uint64_t le64(const std::string& s, size_t at = 0) {
@@ -106,13 +88,10 @@ inline uint64_t le64(const std::string& s, size_t at = 0) {
   return v;
 }
 
-struct Eval {
-  int rc = 0;
-  std::string err;
-  std::string out;   // what the body itself wrote to stdout
-  std::string errOut;
+// `out` is what the body itself wrote to stdout.
+struct Eval : Result {
   uint64_t value = 0;  // slot 0 after the body
-  std::string mem;   // the dumped memory range
+  std::string mem;     // the dumped memory range
 };
 
 // Loads init[i] into slot i, runs body, then writes slot 0 and `dumpLen`
@@ -123,23 +102,19 @@ inline Eval eval(const std::vector<uint64_t>& init, const std::vector<Insn>& bod
   std::vector<Insn> v;
   for (size_t i = 0; i < init.size(); i++) v.push_back(konst(uint32_t(i), init[i]));
   v.insert(v.end(), body.begin(), body.end());
-  dumpSlot(v, 0);
+  v.insert(v.end(), {konst(29, kOut), op(Op_store, 29, 0, 0, kI64)});
+  dumpMem(v, kOut, 8);
   if (dumpLen) dumpMem(v, dumpAt, dumpLen);
-  p.fn(kFrame, v);
-  Result r = run(p, cfg);
+  p.fn(32, v);
   Eval e;
-  e.rc = r.rc;
-  e.err = r.err;
-  e.errOut = r.errOut;
-  size_t tail = 8 + dumpLen;
-  if (r.rc == 0 && r.out.size() >= tail) {
-    size_t at = r.out.size() - tail;
-    e.out = r.out.substr(0, at);
-    e.value = le64(r.out, at);
-    e.mem = r.out.substr(at + 8);
-  } else {
-    e.out = r.out;
-    if (r.rc == 0) ADD_FAILURE() << "dump missing: stdout has " << r.out.size() << " bytes";
+  static_cast<Result&>(e) = run(p, cfg);
+  const size_t tail = 8 + dumpLen;
+  if (e.rc == 0 && e.out.size() >= tail) {
+    e.value = le64(e.out, e.out.size() - tail);
+    e.mem = e.out.substr(e.out.size() - dumpLen);
+    e.out.resize(e.out.size() - tail);
+  } else if (e.rc == 0) {
+    ADD_FAILURE() << "dump missing: stdout has " << e.out.size() << " bytes";
   }
   return e;
 }
