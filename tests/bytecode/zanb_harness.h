@@ -55,7 +55,9 @@ struct Prog {
     segs.push_back(DataSeg{memOff, bytes.size(), data.size()});
     data.insert(data.end(), bytes.begin(), bytes.end());
   }
-  std::vector<uint8_t> bytes() const { return writeModule(header, funcs, globals, segs, "", data, code); }
+  std::vector<uint8_t> bytes() const {
+    return writeModule(header, funcs, globals, segs, "", data, code);
+  }
 };
 
 struct Result {
@@ -124,6 +126,9 @@ inline std::string hex(uint64_t v) {
   snprintf(b, sizeof b, "0x%llx", (unsigned long long)v);
   return b;
 }
+
+// The trap text, or slot 0 when the run went through.
+inline std::string outcome(const Eval& e) { return e.err.empty() ? hex(e.value) : e.err; }
 
 inline std::string fault(uint64_t addr, uint64_t len, uint64_t size = 131072) {
   return "zanb trap: memory access out of bounds (addr=" + std::to_string(addr) +
