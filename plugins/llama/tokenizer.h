@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -42,16 +43,30 @@ class Tokenizer {
   int32_t find(std::string_view text) const;
 
  private:
+  // Lets the maps be searched with a string_view, without a copy.
+  struct TextHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
+  };
+  using TextMap = std::unordered_map<std::string, int32_t, TextHash, std::equal_to<>>;
+
+  // The id of `text` when it is a piece that encoding may produce (normal
+  // or user-defined), else -1.
+  int32_t pieceId(std::string_view text) const;
+  void encodeSpm(std::string_view text, bool prefix, std::vector<int32_t>& out) const;
+  void encodeBpe(std::string_view text, std::vector<int32_t>& out) const;
+
   Kind kind_ = Kind::Spm;
   std::vector<std::string> vocab_;
-  std::vector<float> scores_;
-  std::vector<uint32_t> types_;
-  std::unordered_map<std::string, int32_t> ids_;
-  std::unordered_map<std::string, int32_t> mergeRank_;  // "a b" -> rank
+  std::vector<float> scores_;    // one per token (0 when the data has none)
+  std::vector<uint32_t> types_;  // one per token, GGUF token types 1..6
+  TextMap ids_;
+  TextMap mergeRank_;  // "a b" -> rank
+  size_t maxLen_ = 0;  // longest token text
   int32_t bos_ = -1, eos_ = -1, unk_ = -1;
   bool addBos_ = false;
-  int32_t byteTokens_[256];  // SPM: id of "<0xAB>", or -1
-  std::vector<int32_t> controls_;  // ids of control tokens, longest text first
+  int32_t byteTokens_[256] = {};  // SPM: id of "<0xAB>", or -1
+  std::vector<int32_t> controls_;  // ids of control and user-defined tokens, longest text first
 };
 
 // Streams the text of generated tokens: push() gives what can be shown now,

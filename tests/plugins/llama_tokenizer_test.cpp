@@ -1,0 +1,348 @@
+// The llama runtime's tokenizer on small hand-made vocabularies: SPM merges
+// by score with byte fallback, GPT-2 byte-level BPE by merge rank with its
+// pre-tokenisation, control tokens in text, pieces, streaming detokenisation
+// and the checks on the tokenizer data. Every expected id is worked out by
+// hand from the vocabularies below.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <string>
+#include <vector>
+
+#include "container/zan2_reader.h"
+#include "plugins/llama/tokenizer.h"
+
+namespace {
+
+constexpr uint32_t kNone = 0xFFFFFFFFu;
+
+struct Tok {
+  std::string text;
+  float score;
+  uint32_t type;
+};
+
+tov::TokenizerData makeData(const char* name, const std::vector<Tok>& toks, std::vector<std::string> merges = {},
+                            uint32_t bos = kNone, uint32_t eos = kNone, uint32_t unk = kNone, bool addBos = false) {
+  tov::TokenizerData d;
+  d.name = name;
+  for (const Tok& t : toks) {
+    d.vocab.push_back(t.text);
+    d.scores.push_back(std::bit_cast<uint32_t>(t.score));
+    d.tokenTypes.push_back(t.type);
+  }
+  d.merges = std::move(merges);
+  d.special[0] = bos;
+  d.special[1] = eos;
+  d.special[2] = unk;
+  d.special[3] = kNone;
+  d.addBos = addBos;
+  return d;
+}
+
+// SentencePiece-style vocabulary. Type 1 normal, 2 unknown, 3 control,
+// 4 user-defined, 5 unused, 6 byte.
+const std::vector<Tok> kSpmVocab = {
+    {"<unk>", 0, 2},   // 0
+    {"<s>", 0, 3},     // 1
+    {"</s>", 0, 3},    // 2
+    {"<0x0A>", 0, 6},  // 3
+    {"<0xC3>", 0, 6},  // 4
+    {"<0xA9>", 0, 6},  // 5
+    {"<0xF0>", 0, 6},  // 6
+    {"<0x9F>", 0, 6},  // 7
+    {"<0x98>", 0, 6},  // 8
+    {"<0x80>", 0, 6},  // 9
+    {"▁", -1, 1},      // 10
+    {"a", -2, 1},      // 11
+    {"b", -2, 1},      // 12
+    {"c", -2, 1},      // 13
+    {"d", -2, 1},      // 14
+    {"ab", -5, 1},     // 15
+    {"bc", -3, 1},     // 16
+    {"cd", -4, 1},     // 17
+    {"▁a", -6, 1},     // 18
+    {"▁b", -1.5, 1},   // 19
+    {"▁▁", -7, 1},     // 20
+    {"dd", -8, 1},     // 21
+    {"<", -2, 1},      // 22
+    {">", -2, 1},      // 23
+    {"<ab>", 0, 3},    // 24
+    {"b>", -10, 4},    // 25
+    {"<pad>", 0, 5},   // 26
+};
+
+llama::Tokenizer spm() {
+  llama::Tokenizer t;
+  std::string err;
+  EXPECT_TRUE(t.init(makeData("llama", kSpmVocab, {}, 1, 2, 0, true), err)) << err;
+  return t;
+}
+
+// Byte-level BPE: "Ġ" is the space, "Ċ" the newline, "Ã©" the bytes of "é".
+const std::vector<Tok> kBpeVocab = {
+    {"<|endoftext|>", 0, 3},                                              // 0
+    {"h", 0, 1},      {"e", 0, 1},   {"l", 0, 1},    {"o", 0, 1},         // 1-4
+    {"Ġ", 0, 1},      {"w", 0, 1},   {"r", 0, 1},    {"d", 0, 1},         // 5-8
+    {"'", 0, 1},      {"s", 0, 1},   {"1", 0, 1},    {"2", 0, 1},         // 9-12
+    {"!", 0, 1},      {",", 0, 1},   {"Ċ", 0, 1},    {"he", 0, 1},        // 13-16
+    {"ll", 0, 1},     {"hell", 0, 1}, {"hello", 0, 1}, {"lo", 0, 1},      // 17-20
+    {"Ġw", 0, 1},     {"or", 0, 1},  {"Ġwor", 0, 1}, {"ld", 0, 1},        // 21-24
+    {"Ġworld", 0, 1}, {"'s", 0, 1},  {"12", 0, 1},   {"o1", 0, 1},        // 25-28
+    {"e'", 0, 1},     {"ĠĠ", 0, 1},  {"ĊĊ", 0, 1},   {"!,", 0, 1},        // 29-32
+    {"Ġ!", 0, 1},     {"Ã", 0, 1},   {"©", 0, 1},    {"Ã©", 0, 1},        // 33-36
+    {"©!", 0, 1},     {"el", 0, 1},                                       // 37-38
+};
+
+// By rank. The first three would join characters across word boundaries
+// if pre-tokenisation missed them; "d d" makes a piece outside the vocabulary.
+const std::vector<std::string> kBpeMerges = {
+    "o 1",   "e '",  "© !",   "Ġ Ġ", "Ċ Ċ",     "h e", "l l", "he ll", "l o", "hell o", "Ġ w",
+    "o r",   "Ġw or", "l d", "Ġwor ld", "' s", "1 2", "! ,", "Ġ !",   "Ã ©", "e l",    "d d",
+};
+
+llama::Tokenizer bpe() {
+  llama::Tokenizer t;
+  std::string err;
+  EXPECT_TRUE(t.init(makeData("gpt2", kBpeVocab, kBpeMerges, 0, 0), err)) << err;
+  return t;
+}
+
+struct Case {
+  std::string text;
+  bool special;
+  std::vector<int32_t> ids;
+};
+
+void expectEncodings(const llama::Tokenizer& t, const std::vector<Case>& cases) {
+  for (const Case& c : cases) {
+    SCOPED_TRACE("\"" + c.text + "\"" + (c.special ? " with special tokens" : ""));
+    EXPECT_EQ(t.encode(c.text, false, c.special), c.ids);
+  }
+}
+
+std::string pieces(const llama::Tokenizer& t, const std::vector<int32_t>& ids) {
+  std::string s;
+  for (int32_t id : ids) s += t.piece(id);
+  return s;
+}
+
+std::string repeat(const std::string& s, size_t n) {
+  std::string r;
+  for (size_t i = 0; i < n; ++i) r += s;
+  return r;
+}
+
+TEST(LlamaTokenizer, SpmMergesByScore) {
+  expectEncodings(spm(), {
+                             {"", false, {}},
+                             // "ab" (-5) goes before the leftmost "▁a" (-6), which then can't happen.
+                             {"ab", false, {10, 15}},
+                             // "bc" (-3) beats "ab" (-5); the lower "▁a" waits, then merges.
+                             {"abc", false, {18, 16}},
+                             {"abcd", false, {18, 16, 14}},
+                             // Equal scores: the leftmost "dd" first.
+                             {"ddd", false, {10, 21, 14}},
+                         });
+}
+
+TEST(LlamaTokenizer, SpmSpaces) {
+  expectEncodings(spm(), {
+                             {" b", false, {10, 19}},         // "▁▁b": "▁b" (-1.5) before "▁▁" (-7)
+                             {"a b", false, {18, 19}},
+                             {"a  b", false, {18, 10, 19}},
+                         });
+}
+
+TEST(LlamaTokenizer, SpmByteFallback) {
+  expectEncodings(spm(), {
+                             {"é", false, {10, 4, 5}},
+                             {"😀", false, {10, 6, 7, 8, 9}},
+                             {"a\nb", false, {18, 3, 12}},
+                             {"\xC3", false, {10, 4}},  // a broken character: its byte
+                             {"z", false, {10, 0}},     // no byte token for "z": unknown
+                         });
+}
+
+TEST(LlamaTokenizer, SpmSpecialTokens) {
+  expectEncodings(spm(), {
+                             {"<ab>", true, {24}},
+                             {"<ab>", false, {10, 22, 15, 23}},
+                             // The space prefix only at the start of the whole text.
+                             {"a<ab>b", true, {18, 24, 12}},
+                             {"a<ab>b", false, {18, 22, 15, 23, 12}},
+                             {"b> a", true, {25, 18}},
+                             // Longest first: "<ab>" before the user-defined "b>" inside it.
+                             {"<ab>b>", true, {24, 25}},
+                         });
+}
+
+TEST(LlamaTokenizer, SpmBos) {
+  const llama::Tokenizer t = spm();
+  EXPECT_EQ(t.encode("", true), (std::vector<int32_t>{1}));
+  EXPECT_EQ(t.encode("ab", true), (std::vector<int32_t>{1, 10, 15}));
+  EXPECT_EQ(t.encode("<ab>", true, true), (std::vector<int32_t>{1, 24}));
+}
+
+TEST(LlamaTokenizer, SpmPiecesAndAccessors) {
+  const llama::Tokenizer t = spm();
+  const std::vector<std::pair<int32_t, std::string>> expected = {
+      {10, " "},  {18, " a"},   {15, "ab"}, {4, "\xC3"}, {3, "\n"}, {25, "b>"}, {0, "▅"},
+      {1, ""},    {24, ""},     {26, ""},   {-1, ""},    {27, ""},
+  };
+  for (const auto& [id, text] : expected) EXPECT_EQ(t.piece(id), text) << "token " << id;
+
+  EXPECT_EQ(t.kind(), llama::Tokenizer::Kind::Spm);
+  EXPECT_EQ(t.size(), 27u);
+  EXPECT_EQ(t.bos(), 1);
+  EXPECT_EQ(t.eos(), 2);
+  EXPECT_TRUE(t.addBos());
+  EXPECT_EQ(t.find("ab"), 15);
+  EXPECT_EQ(t.find("▁"), 10);
+  EXPECT_EQ(t.find("zz"), -1);
+  EXPECT_EQ(t.find(""), -1);
+  for (int32_t id : {1, 2, 24}) EXPECT_TRUE(t.isControl(id)) << id;
+  for (int32_t id : {0, 11, 25, 26, -1, 27}) EXPECT_FALSE(t.isControl(id)) << id;
+}
+
+TEST(LlamaTokenizer, SpmRoundTrip) {
+  const llama::Tokenizer t = spm();
+  for (const std::string text : {"abcd", " a  b ", "a\nb é😀", "dd<ab>", "\xC3 \x80"}) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(pieces(t, t.encode(text, true)), " " + text);
+  }
+}
+
+TEST(LlamaTokenizer, SpmLongText) {
+  const llama::Tokenizer t = spm();
+  std::vector<int32_t> want{10};
+  want.insert(want.end(), 20000, 15);
+  EXPECT_EQ(t.encode(repeat("ab", 20000), false), want);
+
+  want = {10};
+  want.insert(want.end(), 15000, 21);
+  want.push_back(14);
+  EXPECT_EQ(t.encode(repeat("d", 30001), false), want);
+}
+
+TEST(LlamaTokenizer, BpeMergesByRank) {
+  expectEncodings(bpe(), {
+                             {"", false, {}},
+                             {"hello world", false, {19, 25}},
+                             {"ell", false, {2, 17}},  // "l l" (6) before the leftmost "e l" (20)
+                             {"llo", false, {17, 4}},
+                             {"dd", false, {8, 8}},    // "dd" is no token: its characters
+                             {"hex", false, {16}},     // "x" is no token and there is no unknown
+                             {"hé!", false, {1, 36, 13}},
+                         });
+}
+
+TEST(LlamaTokenizer, BpePreTokenisation) {
+  expectEncodings(bpe(), {
+                             {"he's", false, {16, 26}},
+                             {"he'll", false, {16, 9, 17}},
+                             {"hello12", false, {19, 27}},
+                             {" !,", false, {5, 32}},
+                             {"hello  world", false, {19, 5, 25}},
+                             {"hello  ", false, {19, 30}},
+                             {"hello\n\nworld", false, {19, 15, 15, 6, 22, 24}},
+                             {"hello\n\n", false, {19, 31}},
+                             {"hello<|endoftext|>", true, {19, 0}},
+                         });
+}
+
+TEST(LlamaTokenizer, BpePiecesAndRoundTrip) {
+  const llama::Tokenizer t = bpe();
+  EXPECT_EQ(t.kind(), llama::Tokenizer::Kind::Bpe);
+  EXPECT_FALSE(t.addBos());
+  EXPECT_EQ(t.encode("he", true), (std::vector<int32_t>{0, 16}));
+  const std::vector<std::pair<int32_t, std::string>> expected = {
+      {25, " world"}, {15, "\n"}, {31, "\n\n"}, {36, "é"}, {34, "\xC3"}, {0, ""}, {39, ""},
+  };
+  for (const auto& [id, text] : expected) EXPECT_EQ(t.piece(id), text) << "token " << id;
+  for (const std::string text : {"hello world", "he's 12!,", "hé!\n\n", "  hello  "}) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(pieces(t, t.encode(text, false)), text);
+  }
+}
+
+TEST(LlamaTokenizer, BpeLongText) {
+  const llama::Tokenizer t = bpe();
+  std::vector<int32_t> want{19, 25};
+  for (int i = 1; i < 3000; ++i) want.insert(want.end(), {5, 19, 25});
+  want.push_back(5);
+  EXPECT_EQ(t.encode(repeat("hello world ", 3000), false), want);
+  EXPECT_EQ(t.encode(repeat("l", 30000), false), std::vector<int32_t>(15000, 17));
+}
+
+TEST(LlamaTokenizer, DetokenizerStreamsWholeCharacters) {
+  const llama::Tokenizer t = spm();
+  struct Step {
+    int32_t id;
+    std::string out;
+  };
+  const std::vector<std::vector<Step>> streams = {
+      {{6, ""}, {7, ""}, {8, ""}, {9, "😀"}},
+      {{4, ""}, {5, "é"}},
+      {{11, "a"}, {10, " "}, {4, ""}, {18, "\xC3 a"}},  // a space can't continue "\xC3"
+      {{6, ""}, {1, ""}, {7, ""}, {8, ""}, {9, "😀"}},  // a control token in between
+      {{9, "\x80"}},                                     // a lone continuation byte at once
+      {{6, ""}, {9, "\xF0\x80"}},                        // "\xF0\x80" never starts a character
+      {{4, ""}, {6, "\xC3"}, {7, ""}, {8, ""}, {9, "\xF0\x9F\x98\x80"}},
+  };
+  for (size_t s = 0; s < streams.size(); ++s) {
+    llama::Detokenizer d(t);
+    for (size_t k = 0; k < streams[s].size(); ++k)
+      EXPECT_EQ(d.push(streams[s][k].id), streams[s][k].out) << "stream " << s << " step " << k;
+    EXPECT_EQ(d.flush(), "") << "stream " << s;
+  }
+  llama::Detokenizer d(t);
+  EXPECT_EQ(d.push(6), "");
+  EXPECT_EQ(d.push(7), "");
+  EXPECT_EQ(d.flush(), "\xF0\x9F");
+  EXPECT_EQ(d.flush(), "");
+}
+
+TEST(LlamaTokenizer, InitChecksTheData) {
+  const std::vector<Tok> small = {{"<unk>", 0, 2}, {"a", -1, 1}};
+  struct Bad {
+    const char* what;
+    tov::TokenizerData data;
+  };
+  std::vector<Bad> bad = {
+      {"empty vocabulary", makeData("llama", {})},
+      {"unknown name", makeData("bert", small)},
+      {"scores", makeData("llama", small)},
+      {"types", makeData("llama", small)},
+      {"bos", makeData("llama", small, {}, 2)},
+      {"eos", makeData("llama", small, {}, kNone, 7)},
+      {"unk", makeData("gpt2", small, {}, kNone, kNone, 2)},
+      {"pad", makeData("llama", small)},
+  };
+  bad[2].data.scores.pop_back();
+  bad[3].data.tokenTypes.push_back(1);
+  bad[7].data.special[3] = 2;
+  for (const Bad& b : bad) {
+    llama::Tokenizer t;
+    std::string err;
+    EXPECT_FALSE(t.init(b.data, err)) << b.what;
+    EXPECT_NE(err, "") << b.what;
+  }
+
+  // No scores or types: "<0x41>" is taken for a byte token; with no BOS and
+  // no unknown token, a character without any token is left out.
+  tov::TokenizerData bare;
+  bare.name = "llama";
+  bare.vocab = {"<0x41>", "▁", "b"};
+  bare.special[0] = bare.special[1] = bare.special[2] = bare.special[3] = kNone;
+  llama::Tokenizer t;
+  std::string err;
+  ASSERT_TRUE(t.init(bare, err)) << err;
+  EXPECT_EQ(t.bos(), -1);
+  EXPECT_EQ(t.eos(), -1);
+  EXPECT_EQ(t.encode("Ab", true), (std::vector<int32_t>{1, 0, 2}));
+  EXPECT_EQ(t.encode("z", true), (std::vector<int32_t>{1}));
+  EXPECT_EQ(t.piece(0), "A");
+}
+
+}  // namespace
