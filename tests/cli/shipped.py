@@ -1,0 +1,194 @@
+#!/usr/bin/env python3
+"""The plugins we ship, found beside the built zan with no setting at all.
+
+    shipped.py --zan PATH --gguf-gen PATH --work DIR
+
+Runs the real zan (its directory holds plugins/) on GGUF files written by
+gguf_gen: importer list and probe, convert, info and type, and then reads
+the converted container here, independently, to check that every tensor's
+bytes, type and dims, the hyper-parameters and the tokenizer section are
+those of the GGUF file. Refusals (an unsupported tensor type, a cut file)
+must name the problem and leave no file at the destination. Also checks the
+host CPU backend's device line against this machine.
+"""
+import argparse
+import json
+import os
+import re
+import struct
+import subprocess
+import sys
+
+failures = []
+
+
+def check(cond, what):
+    if not cond:
+        failures.append(what)
+    return cond
+
+
+def zan(opts, *args):
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
+    r = subprocess.run([opts.zan] + list(args), capture_output=True, text=True, env=env, cwd=opts.work)
+    return r.returncode, r.stdout, r.stderr
+
+
+def read_zan2(path):
+    """Meta entries, tokenizer vocabulary, and tensors {name: (dtype, dims, bytes)}."""
+    data = open(path, "rb").read()
+    count = struct.unpack_from("<I", data, 12)[0]
+    secs = {}
+    for i in range(count):
+        t, _, off, size = struct.unpack_from("<IIQQ", data, 64 + 24 * i)
+        secs.setdefault(t, (off, size))
+    meta = {}
+    off, size = secs[1]
+    n = struct.unpack_from("<I", data, off)[0]
+    p = off + 4
+    for _ in range(n):
+        klen = struct.unpack_from("<H", data, p)[0]
+        key = data[p + 2:p + 2 + klen].decode()
+        t = data[p + 2 + klen]
+        p += 3 + klen
+        if t in (0, 1, 2):
+            meta[key] = struct.unpack_from(["<I", "<i", "<f"][t], data, p)[0]
+            p += 4
+        elif t == 3:
+            meta[key] = struct.unpack_from("<Q", data, p)[0]
+            p += 8
+        elif t == 4:
+            ln = struct.unpack_from("<I", data, p)[0]
+            meta[key] = data[p + 4:p + 4 + ln].decode()
+            p += 4 + ln
+        else:
+            ln = struct.unpack_from("<I", data, p)[0]
+            meta[key] = list(struct.unpack_from(f"<{ln}I", data, p + 4))
+            p += 4 + 4 * ln
+    vocab = []
+    if 2 in secs:
+        off, _ = secs[2]
+        assert data[off:off + 4] == b"TKNZ"
+        p = off + 4
+        ln = struct.unpack_from("<I", data, p)[0]
+        p += 4 + ln
+        n = struct.unpack_from("<I", data, p)[0]
+        p += 4
+        for _ in range(n):
+            ln = struct.unpack_from("<I", data, p)[0]
+            vocab.append(data[p + 4:p + 4 + ln].decode("utf-8", "surrogateescape"))
+            p += 4 + ln
+    tensors = {}
+    tcount = struct.unpack_from("<I", data, 40)[0]
+    ioff, _ = secs[4]
+    woff, _ = secs[5]
+    for i in range(tcount):
+        rec = data[ioff + 128 * i:ioff + 128 * (i + 1)]
+        name = rec[:64].rstrip(b"\0").decode()
+        dtype, ndim = struct.unpack_from("<HH", rec, 66)
+        dims = list(struct.unpack_from("<4Q", rec, 72))[:ndim]
+        toff, tsize = struct.unpack_from("<QQ", rec, 104)
+        check(toff % 64 == 0, f"{path}: tensor {name} is not 64-aligned")
+        tensors[name] = (dtype, dims, data[woff + toff:woff + toff + tsize])
+    names = [data[ioff + 128 * i:ioff + 128 * i + 64] for i in range(tcount)]
+    check(names == sorted(names), f"{path}: tensor index not sorted")
+    return meta, vocab, tensors
+
+
+GGML = {"f32": 0, "f16": 1, "q4_0": 2, "q8_0": 8, "bf16": 30}
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--zan", required=True)
+    ap.add_argument("--gguf-gen", required=True)
+    ap.add_argument("--work", required=True)
+    opts = ap.parse_args()
+    opts.zan = os.path.realpath(opts.zan)
+    os.makedirs(opts.work, exist_ok=True)
+
+    rc, out, err = zan(opts, "importer", "list")
+    check(rc == 0 and "  gguf       GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0) caps=0x0 ext=.gguf\n" in out,
+          f"importer list: {out}{err}")
+
+    model, cores = "host CPU", os.sysconf("SC_NPROCESSORS_ONLN")
+    for line in open("/proc/cpuinfo"):
+        if line.startswith("model name") and ":" in line:
+            model = line.split(":", 1)[1].strip(" \t\r\n") or model
+            break
+    memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
+    rc, out, err = zan(opts, "backend", "devices", "cpu")
+    check(out == f"0: id=cpu0 name={model} ({cores} logical cores) api=1.0 memory={memory} caps=0x1\n",
+          f"backend devices cpu: {out}{err}")
+
+    configs = [("v3-q8_0", ["--type", "q8_0"]), ("v2-f32-tied", ["--version", "2", "--tied"]),
+               ("v3-q4_0-gpt2", ["--type", "q4_0", "--tokenizer", "gpt2"]), ("v3-bf16", ["--type", "bf16"]),
+               ("v2-f16-gpt2", ["--version", "2", "--type", "f16", "--tokenizer", "gpt2", "--seed", "9"])]
+    for name, args in configs:
+        gguf, dst, exp = (os.path.join(opts.work, name + s) for s in (".gguf", ".zan", ".json"))
+        subprocess.run([opts.gguf_gen, "--out", gguf, "--expect", exp] + args, check=True)
+        e = json.load(open(exp))
+        kv = {m["key"]: m for m in e["metadata"]}
+        arch = kv["general.architecture"]["value"]
+        rc, out, err = zan(opts, "importer", "probe", gguf)
+        check(rc == 0 and out == f"importer: gguf\nconfidence: 90\nformat: gguf\narchitecture: {arch}\n"
+              f"reason: GGUF v{e['version']} header\n", f"{name}: probe: {out}{err}")
+        rc, out, err = zan(opts, "convert", gguf, dst)
+        size = os.path.getsize(dst) if os.path.exists(dst) else -1
+        check(rc == 0 and re.fullmatch(
+            rf"ZAN2\n  importer : gguf \(gguf\)\n  arch   : {arch}\n  output : {re.escape(dst)} "
+            rf"\({size / 1048576:.2f} MB, {e['tensor_count']} tensors\) in \d+\.\d s\n", out) is not None,
+            f"{name}: convert: {out}{err}")
+        if not os.path.exists(dst):
+            continue
+        meta, vocab, tensors = read_zan2(dst)
+        gg = open(gguf, "rb").read()
+        for t in e["tensors"]:
+            dtype, dims, data = tensors.get(t["name"], (None, None, b""))
+            start = e["data_offset"] + t["offset"]
+            check(dtype == GGML[t["type"]] and dims == t["dims"] and data == gg[start:start + t["size"]],
+                  f"{name}: tensor {t['name']} differs from the GGUF file")
+        check(len(tensors) == e["tensor_count"], f"{name}: {len(tensors)} tensors")
+        for src, key in [("llama.embedding_length", "model.embedding_length"), ("llama.block_count", "model.block_count"),
+                         ("llama.feed_forward_length", "model.feed_forward_length"),
+                         ("llama.attention.head_count", "model.head_count"),
+                         ("llama.attention.head_count_kv", "model.head_count_kv"),
+                         ("llama.context_length", "model.context_length")]:
+            check(meta.get(key) == kv[src]["value"], f"{name}: {key} is {meta.get(key)}, GGUF says {kv[src]['value']}")
+        check(meta.get("container.kind") == 1 and meta.get("container.version") == 2, f"{name}: container keys")
+        tokens = kv["tokenizer.ggml.tokens"]
+        check(len(vocab) == tokens["length"] and vocab[:len(tokens["head"])] == tokens["head"]
+              and vocab[-1] == tokens["last"], f"{name}: tokenizer vocabulary")
+        rc, out, err = zan(opts, "info", dst)
+        rows = sorted(e["tensors"], key=lambda t: t["name"].encode())
+        want = f"ZAN model: {dst}\n  version 2 | sections 5 | tensors {e['tensor_count']} | size {size} bytes\n"
+        for i, t in enumerate(rows[:8]):
+            want += f"  tensor[{i}] {t['name']} dtype={GGML[t['type']]} ndim={len(t['dims'])} size={t['size']}\n"
+        want += f"  ... ({e['tensor_count']} tensors total)\n"
+        check(rc == 0 and out.startswith(want), f"{name}: info:\n{out}{err}\nwanted to begin with\n{want}")
+        rc, out, err = zan(opts, "type", dst)
+        check(rc == 0 and f"  hidden {kv['llama.embedding_length']['value']} | layers {kv['llama.block_count']['value']}"
+              f" | vocab {kv['llama.vocab_size']['value']}\n" in out, f"{name}: type: {out}{err}")
+
+    # Refusals leave nothing at the destination.
+    bad = os.path.join(opts.work, "bad.gguf")
+    subprocess.run([opts.gguf_gen, "--out", bad, "--bad-type"], check=True)
+    cut = os.path.join(opts.work, "cut.gguf")
+    with open(cut, "wb") as f:
+        f.write(open(os.path.join(opts.work, "v3-q8_0.gguf"), "rb").read()[:-1000])
+    for src, msg in [(bad, "tensor 'blk.0.attn_q.weight' has type Q4_1, which is not supported "
+                           "(F32, F16, BF16, Q8_0, Q4_0 are)"),
+                     (cut, "tensor 'blk.1.ffn_down.weight' reaches past the end of the file")]:
+        dst = os.path.join(opts.work, "refused.zan")
+        rc, out, err = zan(opts, "convert", src, dst)
+        check(rc == 1 and err == f"zan convert: importer 'gguf' failed (1): {msg}\n", f"refusal: {err}")
+        check(not any(n.startswith("refused.zan") for n in os.listdir(opts.work)), "a refused convert left a file")
+
+    for f in failures:
+        print("FAIL " + f)
+    print(f"shipped plugins: {len(failures)} failures")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
