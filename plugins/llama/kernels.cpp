@@ -1,1 +1,650 @@
+// Matrix-vector kernels of the llama runtime for F32, F16, BF16, Q8_0 and
+// Q4_0 weight rows, half/bfloat16 conversions, row dequantisation and the
+// worker pool that spreads rows over the cores.
+//
+// Two paths compute the same thing: a portable one in plain C++ and one for
+// AVX2+FMA+F16C, compiled per function with a target attribute (the rest of
+// the build stays baseline x86-64) and chosen at run time from what the CPU
+// reports. For the quantised weights both paths first quantise x to 8 bits
+// per 32-element block, as the weights are, and take integer dot products
+// per block; they quantise identically, so their results differ only in the
+// order of float additions.
 #include "plugins/llama/kernels.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <system_error>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define LLAMA_KERNELS_X86 1
+#else
+#define LLAMA_KERNELS_X86 0
+#endif
+
+namespace llama {
+namespace {
+
+constexpr size_t kBlock = 32;    // elements per quantised block
+constexpr size_t kQ8Bytes = 34;  // fp16 d + 32 int8
+constexpr size_t kQ4Bytes = 18;  // fp16 d + 16 bytes of nibbles
+
+inline uint16_t loadU16(const uint8_t* p) {
+  uint16_t v;
+  std::memcpy(&v, p, 2);
+  return v;
+}
+
+inline float loadF32(const uint8_t* p) {
+  float v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+inline uint32_t floatBits(float f) {
+  uint32_t u;
+  std::memcpy(&u, &f, 4);
+  return u;
+}
+
+inline float bitsFloat(uint32_t u) {
+  float f;
+  std::memcpy(&f, &u, 4);
+  return f;
+}
+
+// ---------------------------------------------------------------------------
+// Activation quantisation shared by both paths: per block of 32,
+// d = max|x| / 127 and q = x * (1/d) rounded to nearest even.
+
+inline int8_t roundToI8(float v) {
+  float r = std::nearbyint(v);
+  // Finite inputs stay within [-127, 127]; NaN (from a NaN or inf x) is 0.
+  return (r >= -127.f && r <= 127.f) ? int8_t(r) : int8_t(0);
+}
+
+void quantisePortable(const float* x, size_t blocks, int8_t* q, float* d) {
+  for (size_t b = 0; b < blocks; ++b) {
+    const float* xb = x + b * kBlock;
+    float amax = 0.f;
+    for (size_t i = 0; i < kBlock; ++i) amax = std::max(amax, std::fabs(xb[i]));
+    const float db = amax / 127.f;
+    const float id = db != 0.f ? 1.f / db : 0.f;
+    for (size_t i = 0; i < kBlock; ++i) q[b * kBlock + i] = roundToI8(xb[i] * id);
+    d[b] = db;
+  }
+}
+
+// The caller's buffers for quantised x; each thread has its own.
+struct QuantX {
+  std::vector<int8_t> q;
+  std::vector<float> d;
+  void reserve(size_t blocks) {
+    if (q.size() < blocks * kBlock) q.resize(blocks * kBlock);
+    if (d.size() < blocks) d.resize(blocks);
+  }
+};
+
+QuantX& threadQuantX() {
+  thread_local QuantX buf;
+  return buf;
+}
+
+// ---------------------------------------------------------------------------
+// Portable path.
+
+// Several independent accumulators so the additions can overlap.
+template <typename Load>
+float dotFloatRow(const uint8_t* row, size_t cols, const float* x, size_t stride, Load load) {
+  float acc[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+  size_t c = 0;
+  for (; c + 8 <= cols; c += 8)
+    for (size_t k = 0; k < 8; ++k) acc[k] += load(row + (c + k) * stride) * x[c + k];
+  float tail = 0.f;
+  for (; c < cols; ++c) tail += load(row + c * stride) * x[c];
+  return ((acc[0] + acc[4]) + (acc[1] + acc[5])) + ((acc[2] + acc[6]) + (acc[3] + acc[7])) + tail;
+}
+
+void rowsF32Portable(const uint8_t* W, size_t cols, const float* x, float* y, size_t r0, size_t r1) {
+  for (size_t r = r0; r < r1; ++r) y[r] = dotFloatRow(W + r * cols * 4, cols, x, 4, loadF32);
+}
+
+void rowsF16Portable(const uint8_t* W, size_t cols, const float* x, float* y, size_t r0, size_t r1) {
+  auto load = [](const uint8_t* p) { return f16ToF32(loadU16(p)); };
+  for (size_t r = r0; r < r1; ++r) y[r] = dotFloatRow(W + r * cols * 2, cols, x, 2, load);
+}
+
+void rowsBF16Portable(const uint8_t* W, size_t cols, const float* x, float* y, size_t r0, size_t r1) {
+  auto load = [](const uint8_t* p) { return bf16ToF32(loadU16(p)); };
+  for (size_t r = r0; r < r1; ++r) y[r] = dotFloatRow(W + r * cols * 2, cols, x, 2, load);
+}
+
+void rowsQ8Portable(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
+                    size_t r1) {
+  const size_t blocks = cols / kBlock;
+  for (size_t r = r0; r < r1; ++r) {
+    const uint8_t* p = W + r * blocks * kQ8Bytes;
+    float acc0 = 0.f, acc1 = 0.f;
+    for (size_t b = 0; b < blocks; ++b, p += kQ8Bytes) {
+      const int8_t* w = reinterpret_cast<const int8_t*>(p + 2);
+      const int8_t* xq = q + b * kBlock;
+      int32_t s = 0;
+      for (size_t i = 0; i < kBlock; ++i) s += int32_t(w[i]) * int32_t(xq[i]);
+      const float v = f16ToF32(loadU16(p)) * d[b] * float(s);
+      if (b & 1)
+        acc1 += v;
+      else
+        acc0 += v;
+    }
+    y[r] = acc0 + acc1;
+  }
+}
+
+void rowsQ4Portable(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
+                    size_t r1) {
+  const size_t blocks = cols / kBlock;
+  for (size_t r = r0; r < r1; ++r) {
+    const uint8_t* p = W + r * blocks * kQ4Bytes;
+    float acc0 = 0.f, acc1 = 0.f;
+    for (size_t b = 0; b < blocks; ++b, p += kQ4Bytes) {
+      const uint8_t* nib = p + 2;
+      const int8_t* xq = q + b * kBlock;
+      int32_t s = 0;
+      for (size_t j = 0; j < kBlock / 2; ++j) {
+        s += (int32_t(nib[j] & 15) - 8) * int32_t(xq[j]);
+        s += (int32_t(nib[j] >> 4) - 8) * int32_t(xq[j + 16]);
+      }
+      const float v = f16ToF32(loadU16(p)) * d[b] * float(s);
+      if (b & 1)
+        acc1 += v;
+      else
+        acc0 += v;
+    }
+    y[r] = acc0 + acc1;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// AVX2 + FMA + F16C path.
+
+#if LLAMA_KERNELS_X86
+#define LLAMA_FAST __attribute__((target("avx2,fma,f16c")))
+
+LLAMA_FAST inline float hsum(__m256 v) {
+  __m128 s = _mm_add_ps(_mm256_castps256_ps128(v), _mm256_extractf128_ps(v, 1));
+  s = _mm_add_ps(s, _mm_movehl_ps(s, s));
+  s = _mm_add_ss(s, _mm_shuffle_ps(s, s, 1));
+  return _mm_cvtss_f32(s);
+}
+
+LLAMA_FAST inline float hmax(__m256 v) {
+  __m128 s = _mm_max_ps(_mm256_castps256_ps128(v), _mm256_extractf128_ps(v, 1));
+  s = _mm_max_ps(s, _mm_movehl_ps(s, s));
+  s = _mm_max_ss(s, _mm_shuffle_ps(s, s, 1));
+  return _mm_cvtss_f32(s);
+}
+
+LLAMA_FAST inline float halfScale(const uint8_t* p) { return _cvtsh_ss(loadU16(p)); }
+
+// Same arithmetic as quantisePortable, eight lanes at a time.
+LLAMA_FAST void quantiseFast(const float* x, size_t blocks, int8_t* q, float* d) {
+  const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+  const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+  for (size_t b = 0; b < blocks; ++b) {
+    const float* xb = x + b * kBlock;
+    __m256 v0 = _mm256_loadu_ps(xb), v1 = _mm256_loadu_ps(xb + 8);
+    __m256 v2 = _mm256_loadu_ps(xb + 16), v3 = _mm256_loadu_ps(xb + 24);
+    __m256 m = _mm256_max_ps(_mm256_max_ps(_mm256_and_ps(v0, absMask), _mm256_and_ps(v1, absMask)),
+                             _mm256_max_ps(_mm256_and_ps(v2, absMask), _mm256_and_ps(v3, absMask)));
+    const float amax = hmax(m);
+    const float db = amax / 127.f;
+    const float id = db != 0.f ? 1.f / db : 0.f;
+    const __m256 vid = _mm256_set1_ps(id);
+    constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
+    __m256i i0 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v0, vid), kRound));
+    __m256i i1 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v1, vid), kRound));
+    __m256i i2 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v2, vid), kRound));
+    __m256i i3 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v3, vid), kRound));
+    // The packs interleave 128-bit lanes; the permute puts them back in order.
+    __m256i p = _mm256_packs_epi16(_mm256_packs_epi32(i0, i1), _mm256_packs_epi32(i2, i3));
+    p = _mm256_permutevar8x32_epi32(p, order);
+    // Finite x never gives -128; a NaN lane does (INT_MIN packed down), and
+    // becomes 0 as on the portable path.
+    p = _mm256_andnot_si256(_mm256_cmpeq_epi8(p, _mm256_set1_epi8(-128)), p);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(q + b * kBlock), p);
+    d[b] = db;
+  }
+}
+
+// Sum over 32 products of signed bytes w and q, as 8 int32 lanes. maddubs
+// wants one unsigned operand, so it gets |w| and q takes w's sign; pairs
+// stay below 2*128*127 and never saturate.
+LLAMA_FAST inline __m256i dotI8(__m256i w, __m256i q) {
+  const __m256i s16 = _mm256_maddubs_epi16(_mm256_sign_epi8(w, w), _mm256_sign_epi8(q, w));
+  return _mm256_madd_epi16(s16, _mm256_set1_epi16(1));
+}
+
+LLAMA_FAST inline __m256i loadQ4(const uint8_t* nib) {
+  const __m128i raw = _mm_loadu_si128(reinterpret_cast<const __m128i*>(nib));
+  const __m256i both = _mm256_set_m128i(_mm_srli_epi16(raw, 4), raw);
+  return _mm256_sub_epi8(_mm256_and_si256(both, _mm256_set1_epi8(0x0f)), _mm256_set1_epi8(8));
+}
+
+LLAMA_FAST inline __m256i loadI8(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
+
+LLAMA_FAST void rowsQ8Fast(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
+                           size_t r1) {
+  const size_t blocks = cols / kBlock;
+  for (size_t r = r0; r < r1; ++r) {
+    const uint8_t* p = W + r * blocks * kQ8Bytes;
+    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
+    __m256 acc2 = _mm256_setzero_ps(), acc3 = _mm256_setzero_ps();
+    size_t b = 0;
+    for (; b + 4 <= blocks; b += 4, p += 4 * kQ8Bytes) {
+      const __m256i s0 = dotI8(loadI8(p + 2), loadI8(q + b * kBlock));
+      const __m256i s1 = dotI8(loadI8(p + kQ8Bytes + 2), loadI8(q + (b + 1) * kBlock));
+      const __m256i s2 = dotI8(loadI8(p + 2 * kQ8Bytes + 2), loadI8(q + (b + 2) * kBlock));
+      const __m256i s3 = dotI8(loadI8(p + 3 * kQ8Bytes + 2), loadI8(q + (b + 3) * kBlock));
+      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s0), acc0);
+      acc1 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + kQ8Bytes) * d[b + 1]), _mm256_cvtepi32_ps(s1), acc1);
+      acc2 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 2 * kQ8Bytes) * d[b + 2]), _mm256_cvtepi32_ps(s2), acc2);
+      acc3 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 3 * kQ8Bytes) * d[b + 3]), _mm256_cvtepi32_ps(s3), acc3);
+    }
+    for (; b < blocks; ++b, p += kQ8Bytes) {
+      const __m256i s = dotI8(loadI8(p + 2), loadI8(q + b * kBlock));
+      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s), acc0);
+    }
+    y[r] = hsum(_mm256_add_ps(_mm256_add_ps(acc0, acc1), _mm256_add_ps(acc2, acc3)));
+  }
+}
+
+LLAMA_FAST void rowsQ4Fast(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
+                           size_t r1) {
+  const size_t blocks = cols / kBlock;
+  for (size_t r = r0; r < r1; ++r) {
+    const uint8_t* p = W + r * blocks * kQ4Bytes;
+    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
+    __m256 acc2 = _mm256_setzero_ps(), acc3 = _mm256_setzero_ps();
+    size_t b = 0;
+    for (; b + 4 <= blocks; b += 4, p += 4 * kQ4Bytes) {
+      const __m256i s0 = dotI8(loadQ4(p + 2), loadI8(q + b * kBlock));
+      const __m256i s1 = dotI8(loadQ4(p + kQ4Bytes + 2), loadI8(q + (b + 1) * kBlock));
+      const __m256i s2 = dotI8(loadQ4(p + 2 * kQ4Bytes + 2), loadI8(q + (b + 2) * kBlock));
+      const __m256i s3 = dotI8(loadQ4(p + 3 * kQ4Bytes + 2), loadI8(q + (b + 3) * kBlock));
+      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s0), acc0);
+      acc1 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + kQ4Bytes) * d[b + 1]), _mm256_cvtepi32_ps(s1), acc1);
+      acc2 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 2 * kQ4Bytes) * d[b + 2]), _mm256_cvtepi32_ps(s2), acc2);
+      acc3 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 3 * kQ4Bytes) * d[b + 3]), _mm256_cvtepi32_ps(s3), acc3);
+    }
+    for (; b < blocks; ++b, p += kQ4Bytes) {
+      const __m256i s = dotI8(loadQ4(p + 2), loadI8(q + b * kBlock));
+      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s), acc0);
+    }
+    y[r] = hsum(_mm256_add_ps(_mm256_add_ps(acc0, acc1), _mm256_add_ps(acc2, acc3)));
+  }
+}
+
+// Eight f32 weights from row element c on, for each float format.
+struct LoadF32 {
+  static constexpr size_t kSize = 4;
+  LLAMA_FAST static __m256 load(const uint8_t* row, size_t c) {
+    return _mm256_loadu_ps(reinterpret_cast<const float*>(row + c * 4));
+  }
+  static float scalar(const uint8_t* row, size_t c) { return loadF32(row + c * 4); }
+};
+struct LoadF16 {
+  static constexpr size_t kSize = 2;
+  LLAMA_FAST static __m256 load(const uint8_t* row, size_t c) {
+    return _mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + c * 2)));
+  }
+  static float scalar(const uint8_t* row, size_t c) { return f16ToF32(loadU16(row + c * 2)); }
+};
+struct LoadBF16 {
+  static constexpr size_t kSize = 2;
+  LLAMA_FAST static __m256 load(const uint8_t* row, size_t c) {
+    const __m256i w = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(row + c * 2)));
+    return _mm256_castsi256_ps(_mm256_slli_epi32(w, 16));
+  }
+  static float scalar(const uint8_t* row, size_t c) { return bf16ToF32(loadU16(row + c * 2)); }
+};
+
+template <typename L>
+LLAMA_FAST void rowsFloatFast(const uint8_t* W, size_t cols, const float* x, float* y, size_t r0, size_t r1) {
+  for (size_t r = r0; r < r1; ++r) {
+    const uint8_t* row = W + r * cols * L::kSize;
+    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
+    __m256 acc2 = _mm256_setzero_ps(), acc3 = _mm256_setzero_ps();
+    size_t c = 0;
+    for (; c + 32 <= cols; c += 32) {
+      acc0 = _mm256_fmadd_ps(L::load(row, c), _mm256_loadu_ps(x + c), acc0);
+      acc1 = _mm256_fmadd_ps(L::load(row, c + 8), _mm256_loadu_ps(x + c + 8), acc1);
+      acc2 = _mm256_fmadd_ps(L::load(row, c + 16), _mm256_loadu_ps(x + c + 16), acc2);
+      acc3 = _mm256_fmadd_ps(L::load(row, c + 24), _mm256_loadu_ps(x + c + 24), acc3);
+    }
+    for (; c + 8 <= cols; c += 8) acc0 = _mm256_fmadd_ps(L::load(row, c), _mm256_loadu_ps(x + c), acc0);
+    float sum = hsum(_mm256_add_ps(_mm256_add_ps(acc0, acc1), _mm256_add_ps(acc2, acc3)));
+    for (; c < cols; ++c) sum = std::fma(L::scalar(row, c), x[c], sum);
+    y[r] = sum;
+  }
+}
+
+bool cpuHasFast() {
+  static const bool has = [] {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && __builtin_cpu_supports("f16c");
+  }();
+  return has;
+}
+#else
+bool cpuHasFast() { return false; }
+#endif
+
+// ---------------------------------------------------------------------------
+// Dispatch.
+
+using FloatRowsFn = void (*)(const uint8_t*, size_t, const float*, float*, size_t, size_t);
+using QuantRowsFn = void (*)(const uint8_t*, size_t, const int8_t*, const float*, float*, size_t, size_t);
+using QuantiseFn = void (*)(const float*, size_t, int8_t*, float*);
+
+struct Kernels {
+  const char* name;
+  FloatRowsFn f32, f16, bf16;
+  QuantRowsFn q8, q4;
+  QuantiseFn quantise;
+};
+
+constexpr Kernels kPortable = {"portable",      rowsF32Portable, rowsF16Portable, rowsBF16Portable,
+                               rowsQ8Portable,  rowsQ4Portable,  quantisePortable};
+#if LLAMA_KERNELS_X86
+constexpr Kernels kFast = {"avx2+fma+f16c", rowsFloatFast<LoadF32>, rowsFloatFast<LoadF16>, rowsFloatFast<LoadBF16>,
+                           rowsQ8Fast,      rowsQ4Fast,             quantiseFast};
+#endif
+
+std::atomic<bool> gForcePortable{false};
+
+const Kernels& kernels() {
+#if LLAMA_KERNELS_X86
+  if (!gForcePortable.load(std::memory_order_relaxed) && cpuHasFast()) return kFast;
+#endif
+  return kPortable;
+}
+
+FloatRowsFn floatRows(const Kernels& k, DType t) {
+  switch (t) {
+    case kF32: return k.f32;
+    case kF16: return k.f16;
+    case kBF16: return k.bf16;
+    default: return nullptr;
+  }
+}
+
+QuantRowsFn quantRows(const Kernels& k, DType t) {
+  switch (t) {
+    case kQ8_0: return k.q8;
+    case kQ4_0: return k.q4;
+    default: return nullptr;
+  }
+}
+
+void fillNaN(float* y, size_t r0, size_t r1) {
+  for (size_t r = r0; r < r1; ++r) y[r] = std::numeric_limits<float>::quiet_NaN();
+}
+
+inline void cpuRelax() {
+#if LLAMA_KERNELS_X86
+  __builtin_ia32_pause();
+#else
+  std::this_thread::yield();
+#endif
+}
+
+// How long an idle thread polls for work before it sleeps: long enough to
+// bridge the short gaps between the matrix products of one token.
+constexpr auto kSpin = std::chrono::microseconds(100);
+
+// Spins until pred() or kSpin has passed; returns pred().
+template <typename Pred>
+bool spinFor(Pred pred) {
+  const auto until = std::chrono::steady_clock::now() + kSpin;
+  for (;;) {
+    for (int i = 0; i < 64; ++i) {
+      if (pred()) return true;
+      cpuRelax();
+    }
+    if (std::chrono::steady_clock::now() >= until) return pred();
+  }
+}
+
+// Start of chunk i of n items split into `parts` nearly equal pieces.
+inline size_t chunkStart(size_t n, unsigned parts, unsigned i) {
+  return (n / parts) * i + std::min<size_t>(i, n % parts);
+}
+
+// ThreadPool::state_: run count above kRunShift, next chunk below.
+constexpr int kRunShift = 16;
+constexpr uint64_t kChunkMask = (uint64_t(1) << kRunShift) - 1;
+constexpr unsigned kMaxThreads = 1024;
+inline uint64_t runOf(uint64_t state) { return state >> kRunShift; }
+
+// Claims and runs chunks of run `run` while there are any; true when this
+// thread finished the last chunk of the run.
+bool runChunks(std::atomic<uint64_t>& state, std::atomic<unsigned>& pending, uint64_t run,
+               const std::function<void(size_t, size_t)>* fn, size_t n, unsigned parts) {
+  bool last = false;
+  uint64_t s = state.load(std::memory_order_acquire);
+  while (runOf(s) == run && (s & kChunkMask) < parts) {
+    if (!state.compare_exchange_weak(s, s + 1, std::memory_order_acq_rel, std::memory_order_acquire)) continue;
+    const unsigned i = unsigned(s & kChunkMask);
+    (*fn)(chunkStart(n, parts, i), chunkStart(n, parts, i + 1));
+    last = pending.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    s = state.load(std::memory_order_acquire);
+  }
+  return last;
+}
+
+// Below this many weight bytes, waking the workers costs more than it saves.
+constexpr size_t kMinParallelBytes = 32 * 1024;
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Conversions.
+
+float f16ToF32(uint16_t h) {
+  const uint32_t sign = uint32_t(h & 0x8000) << 16;
+  const uint32_t exp = (h >> 10) & 0x1f;
+  uint32_t mant = h & 0x3ff;
+  if (exp == 0x1f) return bitsFloat(sign | 0x7f800000 | (mant << 13));  // inf, NaN (payload kept)
+  if (exp != 0) return bitsFloat(sign | ((exp + 112) << 23) | (mant << 13));
+  if (mant == 0) return bitsFloat(sign);
+  // Subnormal: mant * 2^-24; normalise so the leading 1 becomes implicit.
+  int e = 113;  // exponent of 2^-14, biased for f32
+  while (!(mant & 0x400)) {
+    mant <<= 1;
+    --e;
+  }
+  return bitsFloat(sign | (uint32_t(e) << 23) | ((mant & 0x3ff) << 13));
+}
+
+uint16_t f32ToF16(float f) {
+  uint32_t x = floatBits(f);
+  const uint16_t sign = uint16_t((x >> 16) & 0x8000);
+  x &= 0x7fffffff;
+  if (x > 0x7f800000) return uint16_t(sign | 0x7e00 | ((x >> 13) & 0x3ff));  // NaN, kept quiet
+  if (x >= 0x47800000) return uint16_t(sign | 0x7c00);                       // >= 65536 or inf
+  if (x < 0x38800000) {
+    // Below 2^-14: the result is subnormal or zero. Adding 0.5 puts the
+    // value's units of 2^-24 in the low mantissa bits of the sum, and the
+    // float addition rounds them to nearest even.
+    const float sum = bitsFloat(x) + 0.5f;
+    return uint16_t(sign | (floatBits(sum) - floatBits(0.5f)));
+  }
+  // Normal: rebias the exponent and round the 13 dropped bits to nearest
+  // even; a carry out of the mantissa bumps the exponent, up to inf.
+  const uint32_t odd = (x >> 13) & 1;
+  x += (uint32_t(15 - 127) << 23) + 0xfff + odd;
+  return uint16_t(sign | (x >> 13));
+}
+
+float bf16ToF32(uint16_t h) { return bitsFloat(uint32_t(h) << 16); }
+
+bool dtypeSupported(uint16_t t) { return t == kF32 || t == kF16 || t == kBF16 || t == kQ8_0 || t == kQ4_0; }
+
+size_t rowBytes(DType t, size_t cols) {
+  switch (t) {
+    case kF32: return cols * 4;
+    case kF16:
+    case kBF16: return cols * 2;
+    case kQ8_0: return cols % kBlock ? 0 : cols / kBlock * kQ8Bytes;
+    case kQ4_0: return cols % kBlock ? 0 : cols / kBlock * kQ4Bytes;
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Products.
+
+void matvecRows(DType t, const void* W, size_t cols, const float* x, float* y, size_t r0, size_t r1) {
+  if (r0 >= r1) return;
+  const Kernels& k = kernels();
+  const uint8_t* w = static_cast<const uint8_t*>(W);
+  if (FloatRowsFn fn = floatRows(k, t)) return fn(w, cols, x, y, r0, r1);
+  QuantRowsFn fn = quantRows(k, t);
+  if (!fn || cols % kBlock) return fillNaN(y, r0, r1);
+  const size_t blocks = cols / kBlock;
+  QuantX& qx = threadQuantX();
+  qx.reserve(blocks);
+  k.quantise(x, blocks, qx.q.data(), qx.d.data());
+  fn(w, cols, qx.q.data(), qx.d.data(), y, r0, r1);
+}
+
+void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* x, float* y) {
+  if (rows == 0) return;
+  const Kernels& k = kernels();
+  const uint8_t* w = static_cast<const uint8_t*>(W);
+  const bool serial = pool.size() == 1 || rows < 2 * size_t(pool.size()) || rows * rowBytes(t, cols) < kMinParallelBytes;
+  if (FloatRowsFn fn = floatRows(k, t)) {
+    if (serial) return fn(w, cols, x, y, 0, rows);
+    return pool.run(rows, [&](size_t b, size_t e) { fn(w, cols, x, y, b, e); });
+  }
+  QuantRowsFn fn = quantRows(k, t);
+  if (!fn || cols % kBlock) return fillNaN(y, 0, rows);
+  // x is quantised once, here, and every thread reads the same blocks.
+  const size_t blocks = cols / kBlock;
+  QuantX& qx = threadQuantX();
+  qx.reserve(blocks);
+  k.quantise(x, blocks, qx.q.data(), qx.d.data());
+  const int8_t* q = qx.q.data();
+  const float* d = qx.d.data();
+  if (serial) return fn(w, cols, q, d, y, 0, rows);
+  pool.run(rows, [&](size_t b, size_t e) { fn(w, cols, q, d, y, b, e); });
+}
+
+void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out) {
+  const uint8_t* w = static_cast<const uint8_t*>(W) + row * rowBytes(t, cols);
+  switch (t) {
+    case kF32: std::memcpy(out, w, cols * 4); return;
+    case kF16:
+      for (size_t c = 0; c < cols; ++c) out[c] = f16ToF32(loadU16(w + 2 * c));
+      return;
+    case kBF16:
+      for (size_t c = 0; c < cols; ++c) out[c] = bf16ToF32(loadU16(w + 2 * c));
+      return;
+    case kQ8_0:
+      if (cols % kBlock) break;
+      for (size_t b = 0; b < cols / kBlock; ++b, w += kQ8Bytes) {
+        const float d = f16ToF32(loadU16(w));
+        for (size_t i = 0; i < kBlock; ++i) out[b * kBlock + i] = d * float(int8_t(w[2 + i]));
+      }
+      return;
+    case kQ4_0:
+      if (cols % kBlock) break;
+      for (size_t b = 0; b < cols / kBlock; ++b, w += kQ4Bytes) {
+        const float d = f16ToF32(loadU16(w));
+        for (size_t j = 0; j < kBlock / 2; ++j) {
+          out[b * kBlock + j] = d * float(int(w[2 + j] & 15) - 8);
+          out[b * kBlock + j + 16] = d * float(int(w[2 + j] >> 4) - 8);
+        }
+      }
+      return;
+  }
+  fillNaN(out, 0, cols);
+}
+
+const char* kernelPath() { return kernels().name; }
+
+void forcePortable(bool on) { gForcePortable.store(on, std::memory_order_relaxed); }
+
+// ---------------------------------------------------------------------------
+// ThreadPool.
+
+ThreadPool::ThreadPool(unsigned threads) {
+  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  threads = std::min(threads, kMaxThreads);
+  workers_.reserve(threads - 1);
+  for (unsigned i = 1; i < threads; ++i) {
+    try {
+      workers_.emplace_back([this, i] { work(i); });
+    } catch (const std::system_error&) {
+      break;  // no more threads to be had: run with those we have
+    }
+  }
+}
+
+ThreadPool::~ThreadPool() {
+  {
+    std::lock_guard<std::mutex> lk(mu_);
+    stop_ = true;
+    state_.store((runOf(state_.load()) + 1) << kRunShift, std::memory_order_release);
+  }
+  wake_.notify_all();
+  for (std::thread& t : workers_) t.join();
+}
+
+void ThreadPool::run(size_t n, const std::function<void(size_t, size_t)>& fn) {
+  if (n == 0) return;
+  const unsigned parts = unsigned(std::min<size_t>(size(), n));
+  if (parts == 1) return fn(0, n);
+  uint64_t run;
+  {
+    std::lock_guard<std::mutex> lk(mu_);
+    job_ = &fn;
+    n_ = n;
+    pending_.store(parts, std::memory_order_relaxed);
+    run = runOf(state_.load(std::memory_order_relaxed)) + 1;
+    state_.store(run << kRunShift, std::memory_order_release);
+  }
+  wake_.notify_all();
+  if (runChunks(state_, pending_, run, &fn, n, parts)) return;
+  if (spinFor([this] { return pending_.load(std::memory_order_acquire) == 0; })) return;
+  std::unique_lock<std::mutex> lk(mu_);
+  done_.wait(lk, [this] { return pending_.load(std::memory_order_acquire) == 0; });
+}
+
+void ThreadPool::work(unsigned) {
+  uint64_t seen = 0;
+  for (;;) {
+    spinFor([&] { return runOf(state_.load(std::memory_order_acquire)) != seen; });
+    const std::function<void(size_t, size_t)>* job;
+    size_t n;
+    {
+      std::unique_lock<std::mutex> lk(mu_);
+      wake_.wait(lk, [&] { return stop_ || runOf(state_.load(std::memory_order_relaxed)) != seen; });
+      if (stop_) return;
+      seen = runOf(state_.load(std::memory_order_relaxed));
+      job = job_;
+      n = n_;
+    }
+    // job and n belong to run `seen`; chunks are claimed only while that
+    // run is current, so a stale job is never called.
+    if (runChunks(state_, pending_, seen, job, n, unsigned(std::min<size_t>(size(), n)))) {
+      std::lock_guard<std::mutex> lk(mu_);
+      done_.notify_one();
+    }
+  }
+}
+
+}  // namespace llama

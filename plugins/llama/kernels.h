@@ -5,6 +5,7 @@
 // stands behind them.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +20,8 @@ namespace llama {
 enum DType : uint16_t { kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ8_0 = 8, kBF16 = 30 };
 
 bool dtypeSupported(uint16_t t);
-// Bytes of one row of `cols` elements (cols a multiple of 32 for Q8_0/Q4_0).
+// Bytes of one row of `cols` elements (cols a multiple of 32 for Q8_0/Q4_0);
+// 0 for an unsupported type or a quantised row that is not whole blocks.
 size_t rowBytes(DType t, size_t cols);
 
 // Half and bfloat16 conversions, exact for every value (round to nearest
@@ -45,7 +47,9 @@ void forcePortable(bool on);
 
 // A fixed set of worker threads; run() splits [0, n) into contiguous
 // chunks, one per thread (the caller's thread takes one too), and returns
-// when all are done. One run at a time.
+// when all are done; empty chunks are not handed out. A thread that is done
+// takes a chunk nobody has started, so a worker that wakes late holds up
+// nothing. One run at a time. Idle workers spin briefly, then sleep.
 class ThreadPool {
  public:
   explicit ThreadPool(unsigned threads = 0);  // 0: all cores
@@ -64,8 +68,10 @@ class ThreadPool {
   std::condition_variable wake_, done_;
   const std::function<void(size_t, size_t)>* job_ = nullptr;
   size_t n_ = 0;
-  uint64_t generation_ = 0;
-  unsigned pending_ = 0;
+  // Bits 63..16 count runs (bumped under mu_); bits 15..0 are the next
+  // chunk of the current run to hand out.
+  std::atomic<uint64_t> state_{0};
+  std::atomic<unsigned> pending_{0};  // chunks of this run not yet finished
   bool stop_ = false;
 };
 

@@ -1,0 +1,273 @@
+// Weight bytes per second of the llama runtime's matrix-vector products,
+// side by side with a plain streaming read of memory in the same run.
+//
+// The reference is a 1 GiB buffer summed with AVX2 (64-bit adds), on one
+// thread and on all. Each product case cycles through enough copies of its
+// matrix to make at least 512 MiB per pass, so the weights come from
+// memory, not cache, as in decoding; "model" is one token's products of a
+// Q8_0 llama with dim 1024, 16 layers, ff 2816 and 32000 words (about
+// 250 MB of weights). Each figure is the best of `reps` timed passes after
+// one untimed pass; ratios divide by the streaming figure of the same
+// thread count.
+//
+// Usage: llama_matvec_bench [reps] [--portable]   (default 5 reps)
+#include <immintrin.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "plugins/llama/kernels.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using llama::DType;
+
+struct Buffer {
+  uint8_t* p = nullptr;
+  size_t n = 0;
+  explicit Buffer(size_t bytes) : n(bytes) {
+    const size_t align = 2u << 20;
+    p = static_cast<uint8_t*>(std::aligned_alloc(align, (bytes + align - 1) / align * align));
+    if (!p) {
+      std::fprintf(stderr, "llama_matvec_bench: out of memory for %zu bytes\n", bytes);
+      std::exit(1);
+    }
+  }
+  ~Buffer() { std::free(p); }
+  Buffer(const Buffer&) = delete;
+  Buffer& operator=(const Buffer&) = delete;
+};
+
+__attribute__((target("avx2"))) uint64_t sumAvx2(const uint8_t* p, size_t n) {
+  __m256i a0 = _mm256_setzero_si256(), a1 = a0, a2 = a0, a3 = a0;
+  const __m256i* v = reinterpret_cast<const __m256i*>(p);
+  for (size_t i = 0; i + 4 <= n / 32; i += 4) {
+    a0 = _mm256_add_epi64(a0, _mm256_load_si256(v + i));
+    a1 = _mm256_add_epi64(a1, _mm256_load_si256(v + i + 1));
+    a2 = _mm256_add_epi64(a2, _mm256_load_si256(v + i + 2));
+    a3 = _mm256_add_epi64(a3, _mm256_load_si256(v + i + 3));
+  }
+  const __m256i s = _mm256_add_epi64(_mm256_add_epi64(a0, a1), _mm256_add_epi64(a2, a3));
+  alignas(32) uint64_t lanes[4];
+  _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), s);
+  return lanes[0] + lanes[1] + lanes[2] + lanes[3];
+}
+
+uint64_t sumPortable(const uint8_t* p, size_t n) {
+  uint64_t a[4] = {0, 0, 0, 0};
+  for (size_t i = 0; i + 32 <= n; i += 32)
+    for (int k = 0; k < 4; ++k) {
+      uint64_t v;
+      std::memcpy(&v, p + i + 8 * k, 8);
+      a[k] += v;
+    }
+  return a[0] + a[1] + a[2] + a[3];
+}
+
+bool haveAvx2() {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2");
+}
+
+// Best seconds over reps timed calls of fn, after one untimed call.
+template <typename Fn>
+double best(int reps, Fn fn) {
+  fn();
+  double t = 1e30;
+  for (int i = 0; i < reps; ++i) {
+    const auto s = Clock::now();
+    fn();
+    t = std::min(t, std::chrono::duration<double>(Clock::now() - s).count());
+  }
+  return t;
+}
+
+std::atomic<uint64_t> gSink{0};
+
+// GB/s of streaming `buf` on the pool's threads, in 1 MiB pieces.
+double streamGBs(llama::ThreadPool& pool, const Buffer& buf, int reps) {
+  const bool avx2 = haveAvx2();
+  const size_t piece = 1u << 20, pieces = buf.n / piece;
+  const double s = best(reps, [&] {
+    pool.run(pieces, [&](size_t b, size_t e) {
+      const uint8_t* p = buf.p + b * piece;
+      const size_t n = (e - b) * piece;
+      gSink.fetch_add(avx2 ? sumAvx2(p, n) : sumPortable(p, n), std::memory_order_relaxed);
+    });
+  });
+  return double(pieces * piece) / s / 1e9;
+}
+
+// Fills one matrix of type t with plausible values (finite, no subnormals).
+void fillMatrix(DType t, uint8_t* p, size_t rows, size_t cols, std::mt19937& rng) {
+  const size_t rb = llama::rowBytes(t, cols);
+  std::uniform_real_distribution<float> uni(-1.f, 1.f);
+  for (size_t r = 0; r < rows; ++r) {
+    uint8_t* row = p + r * rb;
+    for (size_t c = 0; c < cols; ++c) {
+      const float v = uni(rng);
+      switch (t) {
+        case llama::kF32: std::memcpy(row + 4 * c, &v, 4); break;
+        case llama::kF16: {
+          const uint16_t h = llama::f32ToF16(v);
+          std::memcpy(row + 2 * c, &h, 2);
+          break;
+        }
+        case llama::kBF16: {
+          uint32_t u;
+          std::memcpy(&u, &v, 4);
+          const uint16_t h = uint16_t(u >> 16);
+          std::memcpy(row + 2 * c, &h, 2);
+          break;
+        }
+        case llama::kQ8_0:
+          if (c % 32 == 0) {
+            const uint16_t d = llama::f32ToF16(0.01f);
+            std::memcpy(row + c / 32 * 34, &d, 2);
+          }
+          row[c / 32 * 34 + 2 + c % 32] = uint8_t(int8_t(v * 127));
+          break;
+        case llama::kQ4_0:
+          if (c % 32 == 0) {
+            const uint16_t d = llama::f32ToF16(0.01f);
+            std::memcpy(row + c / 32 * 18, &d, 2);
+          }
+          if (c % 32 < 16) row[c / 32 * 18 + 2 + c % 32] = uint8_t(rng());
+          break;
+      }
+    }
+  }
+}
+
+struct Shape {
+  size_t rows, cols;
+};
+
+// A set of matrices laid one after another (each 64-aligned) and the
+// products of one pass over them.
+struct Workload {
+  std::string name;
+  DType t;
+  std::vector<Shape> shapes;
+  std::vector<size_t> offsets;
+  size_t bytes = 0;
+
+  void layout() {
+    offsets.clear();
+    bytes = 0;
+    for (const Shape& s : shapes) {
+      offsets.push_back(bytes);
+      bytes += (s.rows * llama::rowBytes(t, s.cols) + 63) / 64 * 64;
+    }
+  }
+};
+
+Workload square(const char* name, DType t, size_t rows, size_t cols) {
+  Workload w{name, t, {}, {}, 0};
+  const size_t one = rows * llama::rowBytes(t, cols);
+  const size_t copies = std::max<size_t>(1, ((512u << 20) + one - 1) / one);
+  w.shapes.assign(copies, Shape{rows, cols});
+  w.layout();
+  return w;
+}
+
+Workload model() {
+  const size_t dim = 1024, ff = 2816, layers = 16, vocab = 32000;
+  Workload w{"model Q8_0 (one token)", llama::kQ8_0, {}, {}, 0};
+  for (size_t l = 0; l < layers; ++l) {
+    for (int i = 0; i < 4; ++i) w.shapes.push_back({dim, dim});  // q, k, v, o
+    w.shapes.push_back({ff, dim});                                 // gate
+    w.shapes.push_back({ff, dim});                                 // up
+    w.shapes.push_back({dim, ff});                                 // down
+  }
+  w.shapes.push_back({vocab, dim});  // output
+  w.layout();
+  return w;
+}
+
+void runWorkload(const Workload& w, llama::ThreadPool& one, llama::ThreadPool& all, double stream1, double streamAll,
+                 int reps) {
+  Buffer buf(w.bytes);
+  std::mt19937 rng(7);
+  // Distinct shapes get their own values; repeats of a shape are copies.
+  for (size_t i = 0; i < w.shapes.size(); ++i) {
+    const Shape& s = w.shapes[i];
+    size_t same = i;
+    for (size_t j = 0; j < i; ++j)
+      if (w.shapes[j].rows == s.rows && w.shapes[j].cols == s.cols) {
+        same = j;
+        break;
+      }
+    const size_t n = s.rows * llama::rowBytes(w.t, s.cols);
+    if (same == i)
+      fillMatrix(w.t, buf.p + w.offsets[i], s.rows, s.cols, rng);
+    else
+      std::memcpy(buf.p + w.offsets[i], buf.p + w.offsets[same], n);
+  }
+  size_t maxCols = 0, maxRows = 0, weightBytes = 0;
+  for (const Shape& s : w.shapes) {
+    maxCols = std::max(maxCols, s.cols);
+    maxRows = std::max(maxRows, s.rows);
+    weightBytes += s.rows * llama::rowBytes(w.t, s.cols);
+  }
+  std::vector<float> x(maxCols), y(maxRows);
+  std::uniform_real_distribution<float> uni(-1.f, 1.f);
+  for (float& v : x) v = uni(rng);
+
+  auto pass = [&](llama::ThreadPool& pool) {
+    for (size_t i = 0; i < w.shapes.size(); ++i)
+      llama::matvec(pool, w.t, buf.p + w.offsets[i], w.shapes[i].rows, w.shapes[i].cols, x.data(), y.data());
+  };
+  const double g1 = double(weightBytes) / best(reps, [&] { pass(one); }) / 1e9;
+  const double gAll = double(weightBytes) / best(reps, [&] { pass(all); }) / 1e9;
+  std::printf("%-26s %8.1f %9.2f %6.2f %11.2f %6.2f\n", w.name.c_str(), double(weightBytes) / 1e6, g1, g1 / stream1,
+              gAll, gAll / streamAll);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int reps = 5;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--portable") == 0)
+      llama::forcePortable(true);
+    else
+      reps = std::max(1, std::atoi(argv[i]));
+  }
+  llama::ThreadPool one(1), all(0);
+  std::printf("kernel path: %s; all threads: %u; best of %d passes\n", llama::kernelPath(), all.size(), reps);
+
+  double stream1, streamAll;
+  {
+    Buffer buf(size_t(1) << 30);
+    for (size_t i = 0; i < buf.n; i += 8) {
+      const uint64_t v = i * 0x9e3779b97f4a7c15ull;
+      std::memcpy(buf.p + i, &v, 8);
+    }
+    stream1 = streamGBs(one, buf, reps);
+    streamAll = streamGBs(all, buf, reps);
+  }
+  std::printf("%-26s %8s %9s %6s %11s %6s\n", "case", "MB/pass", "GB/s 1thr", "ratio", "GB/s all", "ratio");
+  std::printf("%-26s %8.1f %9.2f %6.2f %11.2f %6.2f\n", "stream read (reference)", 1073.7, stream1, 1.0, streamAll,
+              1.0);
+
+  const Workload cases[] = {
+      square("Q8_0 4096x4096", llama::kQ8_0, 4096, 4096), square("Q4_0 4096x4096", llama::kQ4_0, 4096, 4096),
+      square("F16 4096x4096", llama::kF16, 4096, 4096),   square("BF16 4096x4096", llama::kBF16, 4096, 4096),
+      square("F32 4096x4096", llama::kF32, 4096, 4096),   square("Q8_0 1024x1024", llama::kQ8_0, 1024, 1024),
+      square("Q8_0 2816x1024", llama::kQ8_0, 2816, 1024), square("Q8_0 1024x2816", llama::kQ8_0, 1024, 2816),
+      square("Q8_0 32000x1024", llama::kQ8_0, 32000, 1024), model(),
+  };
+  for (const Workload& w : cases) runWorkload(w, one, all, stream1, streamAll, reps);
+  std::printf("(sink %llu)\n", (unsigned long long)(gSink.load() & 1));
+  return 0;
+}
