@@ -10,7 +10,10 @@
 // one untimed pass; ratios divide by the streaming figure of the same
 // thread count.
 //
-// Usage: llama_matvec_bench [reps] [--portable]   (default 5 reps)
+// The "in cache" rows multiply one small matrix over and over: they show
+// how fast the kernels themselves are, the headroom above memory speed.
+//
+// Usage: llama_matvec_bench [reps] [--portable] [--only NAME-PART]   (default 5 reps)
 #include <immintrin.h>
 
 #include <algorithm>
@@ -160,6 +163,7 @@ struct Workload {
   std::vector<Shape> shapes;
   std::vector<size_t> offsets;
   size_t bytes = 0;
+  size_t times = 1;  // passes over the set per timed pass
 
   void layout() {
     offsets.clear();
@@ -172,7 +176,7 @@ struct Workload {
 };
 
 Workload square(const char* name, DType t, size_t rows, size_t cols) {
-  Workload w{name, t, {}, {}, 0};
+  Workload w{name, t, {}, {}, 0, 1};
   const size_t one = rows * llama::rowBytes(t, cols);
   const size_t copies = std::max<size_t>(1, ((512u << 20) + one - 1) / one);
   w.shapes.assign(copies, Shape{rows, cols});
@@ -180,9 +184,17 @@ Workload square(const char* name, DType t, size_t rows, size_t cols) {
   return w;
 }
 
+// One small matrix, multiplied `times` times per pass: it stays in cache,
+// so this measures the kernel's own speed rather than memory's.
+Workload cached(const char* name, DType t, size_t rows, size_t cols, size_t times) {
+  Workload w{name, t, {Shape{rows, cols}}, {}, 0, times};
+  w.layout();
+  return w;
+}
+
 Workload model() {
   const size_t dim = 1024, ff = 2816, layers = 16, vocab = 32000;
-  Workload w{"model Q8_0 (one token)", llama::kQ8_0, {}, {}, 0};
+  Workload w{"model Q8_0 (one token)", llama::kQ8_0, {}, {}, 0, 1};
   for (size_t l = 0; l < layers; ++l) {
     for (int i = 0; i < 4; ++i) w.shapes.push_back({dim, dim});  // q, k, v, o
     w.shapes.push_back({ff, dim});                                 // gate
@@ -219,13 +231,15 @@ void runWorkload(const Workload& w, llama::ThreadPool& one, llama::ThreadPool& a
     maxRows = std::max(maxRows, s.rows);
     weightBytes += s.rows * llama::rowBytes(w.t, s.cols);
   }
+  weightBytes *= w.times;
   std::vector<float> x(maxCols), y(maxRows);
   std::uniform_real_distribution<float> uni(-1.f, 1.f);
   for (float& v : x) v = uni(rng);
 
   auto pass = [&](llama::ThreadPool& pool) {
-    for (size_t i = 0; i < w.shapes.size(); ++i)
-      llama::matvec(pool, w.t, buf.p + w.offsets[i], w.shapes[i].rows, w.shapes[i].cols, x.data(), y.data());
+    for (size_t k = 0; k < w.times; ++k)
+      for (size_t i = 0; i < w.shapes.size(); ++i)
+        llama::matvec(pool, w.t, buf.p + w.offsets[i], w.shapes[i].rows, w.shapes[i].cols, x.data(), y.data());
   };
   const double g1 = double(weightBytes) / best(reps, [&] { pass(one); }) / 1e9;
   const double gAll = double(weightBytes) / best(reps, [&] { pass(all); }) / 1e9;
@@ -237,9 +251,12 @@ void runWorkload(const Workload& w, llama::ThreadPool& one, llama::ThreadPool& a
 
 int main(int argc, char** argv) {
   int reps = 5;
+  std::string only;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--portable") == 0)
       llama::forcePortable(true);
+    else if (std::strcmp(argv[i], "--only") == 0 && i + 1 < argc)
+      only = argv[++i];
     else
       reps = std::max(1, std::atoi(argv[i]));
   }
@@ -266,8 +283,13 @@ int main(int argc, char** argv) {
       square("F32 4096x4096", llama::kF32, 4096, 4096),   square("Q8_0 1024x1024", llama::kQ8_0, 1024, 1024),
       square("Q8_0 2816x1024", llama::kQ8_0, 2816, 1024), square("Q8_0 1024x2816", llama::kQ8_0, 1024, 2816),
       square("Q8_0 32000x1024", llama::kQ8_0, 32000, 1024), model(),
+      cached("Q8_0 in cache 256x1024", llama::kQ8_0, 256, 1024, 2000),
+      cached("Q4_0 in cache 256x1024", llama::kQ4_0, 256, 1024, 2000),
+      cached("F16 in cache 128x1024", llama::kF16, 128, 1024, 2000),
+      cached("F32 in cache 64x1024", llama::kF32, 64, 1024, 2000),
   };
-  for (const Workload& w : cases) runWorkload(w, one, all, stream1, streamAll, reps);
+  for (const Workload& w : cases)
+    if (only.empty() || w.name.find(only) != std::string::npos) runWorkload(w, one, all, stream1, streamAll, reps);
   std::printf("(sink %llu)\n", (unsigned long long)(gSink.load() & 1));
   return 0;
 }

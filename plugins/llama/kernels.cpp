@@ -66,7 +66,28 @@ inline int8_t roundToI8(float v) {
   return (r >= -127.f && r <= 127.f) ? int8_t(r) : int8_t(0);
 }
 
-void quantisePortable(const float* x, size_t blocks, int8_t* q, float* d) {
+// x quantised; each thread has its own buffers. The fast path also keeps,
+// per block, 8 * sum(q) spread over 8 int32 lanes.
+struct QuantX {
+  std::vector<int8_t> q;
+  std::vector<float> d;
+  std::vector<int32_t> bias;
+  void reserve(size_t blocks) {
+    if (d.size() >= blocks) return;
+    q.resize(blocks * kBlock);
+    d.resize(blocks);
+    bias.resize(blocks * 8);
+  }
+};
+
+QuantX& threadQuantX() {
+  thread_local QuantX buf;
+  return buf;
+}
+
+void quantisePortable(const float* x, size_t blocks, QuantX& out) {
+  int8_t* q = out.q.data();
+  float* d = out.d.data();
   for (size_t b = 0; b < blocks; ++b) {
     const float* xb = x + b * kBlock;
     float amax = 0.f;
@@ -76,21 +97,6 @@ void quantisePortable(const float* x, size_t blocks, int8_t* q, float* d) {
     for (size_t i = 0; i < kBlock; ++i) q[b * kBlock + i] = roundToI8(xb[i] * id);
     d[b] = db;
   }
-}
-
-// The caller's buffers for quantised x; each thread has its own.
-struct QuantX {
-  std::vector<int8_t> q;
-  std::vector<float> d;
-  void reserve(size_t blocks) {
-    if (q.size() < blocks * kBlock) q.resize(blocks * kBlock);
-    if (d.size() < blocks) d.resize(blocks);
-  }
-};
-
-QuantX& threadQuantX() {
-  thread_local QuantX buf;
-  return buf;
 }
 
 // ---------------------------------------------------------------------------
@@ -122,9 +128,10 @@ void rowsBF16Portable(const uint8_t* W, size_t cols, const float* x, float* y, s
   for (size_t r = r0; r < r1; ++r) y[r] = dotFloatRow(W + r * cols * 2, cols, x, 2, load);
 }
 
-void rowsQ8Portable(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
-                    size_t r1) {
+void rowsQ8Portable(const uint8_t* W, size_t cols, const QuantX& qx, float* y, size_t r0, size_t r1) {
   const size_t blocks = cols / kBlock;
+  const int8_t* q = qx.q.data();
+  const float* d = qx.d.data();
   for (size_t r = r0; r < r1; ++r) {
     const uint8_t* p = W + r * blocks * kQ8Bytes;
     float acc0 = 0.f, acc1 = 0.f;
@@ -143,9 +150,10 @@ void rowsQ8Portable(const uint8_t* W, size_t cols, const int8_t* q, const float*
   }
 }
 
-void rowsQ4Portable(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
-                    size_t r1) {
+void rowsQ4Portable(const uint8_t* W, size_t cols, const QuantX& qx, float* y, size_t r0, size_t r1) {
   const size_t blocks = cols / kBlock;
+  const int8_t* q = qx.q.data();
+  const float* d = qx.d.data();
   for (size_t r = r0; r < r1; ++r) {
     const uint8_t* p = W + r * blocks * kQ4Bytes;
     float acc0 = 0.f, acc1 = 0.f;
@@ -187,35 +195,35 @@ LLAMA_FAST inline float hmax(__m256 v) {
   return _mm_cvtss_f32(s);
 }
 
-LLAMA_FAST inline float halfScale(const uint8_t* p) { return _cvtsh_ss(loadU16(p)); }
-
 // Same arithmetic as quantisePortable, eight lanes at a time.
-LLAMA_FAST void quantiseFast(const float* x, size_t blocks, int8_t* q, float* d) {
+LLAMA_FAST void quantiseFast(const float* x, size_t blocks, QuantX& out) {
   const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
   const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+  const __m256i intMin = _mm256_set1_epi32(std::numeric_limits<int32_t>::min());
   for (size_t b = 0; b < blocks; ++b) {
     const float* xb = x + b * kBlock;
-    __m256 v0 = _mm256_loadu_ps(xb), v1 = _mm256_loadu_ps(xb + 8);
-    __m256 v2 = _mm256_loadu_ps(xb + 16), v3 = _mm256_loadu_ps(xb + 24);
-    __m256 m = _mm256_max_ps(_mm256_max_ps(_mm256_and_ps(v0, absMask), _mm256_and_ps(v1, absMask)),
-                             _mm256_max_ps(_mm256_and_ps(v2, absMask), _mm256_and_ps(v3, absMask)));
+    __m256 v[4];
+    for (int k = 0; k < 4; ++k) v[k] = _mm256_loadu_ps(xb + 8 * k);
+    const __m256 m = _mm256_max_ps(_mm256_max_ps(_mm256_and_ps(v[0], absMask), _mm256_and_ps(v[1], absMask)),
+                                   _mm256_max_ps(_mm256_and_ps(v[2], absMask), _mm256_and_ps(v[3], absMask)));
     const float amax = hmax(m);
     const float db = amax / 127.f;
     const float id = db != 0.f ? 1.f / db : 0.f;
     const __m256 vid = _mm256_set1_ps(id);
-    constexpr int kRound = _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC;
-    __m256i i0 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v0, vid), kRound));
-    __m256i i1 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v1, vid), kRound));
-    __m256i i2 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v2, vid), kRound));
-    __m256i i3 = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v3, vid), kRound));
+    __m256i i[4];
+    for (int k = 0; k < 4; ++k) {
+      i[k] = _mm256_cvtps_epi32(_mm256_round_ps(_mm256_mul_ps(v[k], vid), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+      // Finite x stays within [-127, 127]; a NaN lane converts to INT_MIN
+      // and becomes 0, as on the portable path.
+      i[k] = _mm256_andnot_si256(_mm256_cmpeq_epi32(i[k], intMin), i[k]);
+    }
+    const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(i[0], i[1]), _mm256_add_epi32(i[2], i[3]));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(&out.bias[b * 8]), _mm256_slli_epi32(sum, 3));
     // The packs interleave 128-bit lanes; the permute puts them back in order.
-    __m256i p = _mm256_packs_epi16(_mm256_packs_epi32(i0, i1), _mm256_packs_epi32(i2, i3));
+    __m256i p = _mm256_packs_epi16(_mm256_packs_epi32(i[0], i[1]), _mm256_packs_epi32(i[2], i[3]));
     p = _mm256_permutevar8x32_epi32(p, order);
-    // Finite x never gives -128; a NaN lane does (INT_MIN packed down), and
-    // becomes 0 as on the portable path.
-    p = _mm256_andnot_si256(_mm256_cmpeq_epi8(p, _mm256_set1_epi8(-128)), p);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(q + b * kBlock), p);
-    d[b] = db;
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(&out.q[b * kBlock]), p);
+    out.d[b] = db;
   }
 }
 
@@ -227,62 +235,70 @@ LLAMA_FAST inline __m256i dotI8(__m256i w, __m256i q) {
   return _mm256_madd_epi16(s16, _mm256_set1_epi16(1));
 }
 
-LLAMA_FAST inline __m256i loadQ4(const uint8_t* nib) {
-  const __m128i raw = _mm_loadu_si128(reinterpret_cast<const __m128i*>(nib));
-  const __m256i both = _mm256_set_m128i(_mm_srli_epi16(raw, 4), raw);
-  return _mm256_sub_epi8(_mm256_and_si256(both, _mm256_set1_epi8(0x0f)), _mm256_set1_epi8(8));
+// The 32 nibbles of a Q4_0 block as unsigned bytes 0..15: the low nibbles
+// (elements 0..15) in the low half, the high ones (16..31) in the high half.
+LLAMA_FAST inline __m256i loadNibbles(const uint8_t* nib) {
+  const __m256i both = _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(nib)));
+  return _mm256_and_si256(_mm256_srlv_epi64(both, _mm256_setr_epi64x(0, 0, 4, 4)), _mm256_set1_epi8(0x0f));
 }
 
 LLAMA_FAST inline __m256i loadI8(const void* p) { return _mm256_loadu_si256(static_cast<const __m256i*>(p)); }
 
-LLAMA_FAST void rowsQ8Fast(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
-                           size_t r1) {
-  const size_t blocks = cols / kBlock;
-  for (size_t r = r0; r < r1; ++r) {
-    const uint8_t* p = W + r * blocks * kQ8Bytes;
-    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
-    __m256 acc2 = _mm256_setzero_ps(), acc3 = _mm256_setzero_ps();
-    size_t b = 0;
-    for (; b + 4 <= blocks; b += 4, p += 4 * kQ8Bytes) {
-      const __m256i s0 = dotI8(loadI8(p + 2), loadI8(q + b * kBlock));
-      const __m256i s1 = dotI8(loadI8(p + kQ8Bytes + 2), loadI8(q + (b + 1) * kBlock));
-      const __m256i s2 = dotI8(loadI8(p + 2 * kQ8Bytes + 2), loadI8(q + (b + 2) * kBlock));
-      const __m256i s3 = dotI8(loadI8(p + 3 * kQ8Bytes + 2), loadI8(q + (b + 3) * kBlock));
-      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s0), acc0);
-      acc1 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + kQ8Bytes) * d[b + 1]), _mm256_cvtepi32_ps(s1), acc1);
-      acc2 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 2 * kQ8Bytes) * d[b + 2]), _mm256_cvtepi32_ps(s2), acc2);
-      acc3 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 3 * kQ8Bytes) * d[b + 3]), _mm256_cvtepi32_ps(s3), acc3);
-    }
-    for (; b < blocks; ++b, p += kQ8Bytes) {
-      const __m256i s = dotI8(loadI8(p + 2), loadI8(q + b * kBlock));
-      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s), acc0);
-    }
-    y[r] = hsum(_mm256_add_ps(_mm256_add_ps(acc0, acc1), _mm256_add_ps(acc2, acc3)));
-  }
+// The fp16 scales of 8 blocks kBytes apart, as f32. They are gathered in
+// integer registers, off the vector units the dot products keep busy.
+template <size_t kBytes>
+LLAMA_FAST inline __m256 halfScales8(const uint8_t* p) {
+  auto h = [p](int k) { return uint64_t(loadU16(p + k * kBytes)); };
+  const uint64_t lo = h(0) | h(1) << 16 | h(2) << 32 | h(3) << 48;
+  const uint64_t hi = h(4) | h(5) << 16 | h(6) << 32 | h(7) << 48;
+  return _mm256_cvtph_ps(_mm_set_epi64x(int64_t(hi), int64_t(lo)));
 }
 
-LLAMA_FAST void rowsQ4Fast(const uint8_t* W, size_t cols, const int8_t* q, const float* d, float* y, size_t r0,
-                           size_t r1) {
+LLAMA_FAST inline __m256i q8Block(const uint8_t* p, const int8_t* q) { return dotI8(loadI8(p + 2), loadI8(q)); }
+
+// Q4_0: sum((u - 8) * q) = sum(u * q) - 8 * sum(q); u is unsigned, so
+// maddubs takes it as it is, and pairs stay below 2*15*127.
+LLAMA_FAST inline __m256i q4Block(const uint8_t* p, const int8_t* q, const int32_t* bias) {
+  const __m256i s16 = _mm256_maddubs_epi16(loadNibbles(p + 2), loadI8(q));
+  return _mm256_sub_epi32(_mm256_madd_epi16(s16, _mm256_set1_epi16(1)), loadI8(bias));
+}
+
+// Rows of Q8_0 or Q4_0 blocks against quantised x, 8 blocks a step: the 8
+// scale products dw * dx come from one conversion and one multiply, and
+// each block takes its own with one in-lane shuffle.
+template <size_t kBytes, bool kQ4>
+LLAMA_FAST void rowsQuantFast(const uint8_t* W, size_t cols, const QuantX& qx, float* y, size_t r0, size_t r1) {
   const size_t blocks = cols / kBlock;
+  const int8_t* q = qx.q.data();
+  const float* d = qx.d.data();
+  const int32_t* bias = qx.bias.data();
+  // Block b at p, as 8 f32 lanes.
+  auto dot = [q, bias](const uint8_t* p, size_t b) LLAMA_FAST {
+    return _mm256_cvtepi32_ps(kQ4 ? q4Block(p, q + b * kBlock, bias + 8 * b) : q8Block(p, q + b * kBlock));
+  };
   for (size_t r = r0; r < r1; ++r) {
-    const uint8_t* p = W + r * blocks * kQ4Bytes;
+    const uint8_t* p = W + r * blocks * kBytes;
     __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
     __m256 acc2 = _mm256_setzero_ps(), acc3 = _mm256_setzero_ps();
     size_t b = 0;
-    for (; b + 4 <= blocks; b += 4, p += 4 * kQ4Bytes) {
-      const __m256i s0 = dotI8(loadQ4(p + 2), loadI8(q + b * kBlock));
-      const __m256i s1 = dotI8(loadQ4(p + kQ4Bytes + 2), loadI8(q + (b + 1) * kBlock));
-      const __m256i s2 = dotI8(loadQ4(p + 2 * kQ4Bytes + 2), loadI8(q + (b + 2) * kBlock));
-      const __m256i s3 = dotI8(loadQ4(p + 3 * kQ4Bytes + 2), loadI8(q + (b + 3) * kBlock));
-      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s0), acc0);
-      acc1 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + kQ4Bytes) * d[b + 1]), _mm256_cvtepi32_ps(s1), acc1);
-      acc2 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 2 * kQ4Bytes) * d[b + 2]), _mm256_cvtepi32_ps(s2), acc2);
-      acc3 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p + 3 * kQ4Bytes) * d[b + 3]), _mm256_cvtepi32_ps(s3), acc3);
+    for (; b + 8 <= blocks; b += 8, p += 8 * kBytes) {
+      // Q4_0 does the most work per byte, and there a prefetch 2 KiB ahead
+      // helps memory keep up; Q8_0 streams as fast without one.
+      if (kQ4)
+        for (size_t o = 0; o < 8 * kBytes; o += 64) _mm_prefetch(reinterpret_cast<const char*>(p + 2048 + o), _MM_HINT_T0);
+      const __m256 sc = _mm256_mul_ps(halfScales8<kBytes>(p), _mm256_loadu_ps(d + b));
+      const __m256 lo = _mm256_permute2f128_ps(sc, sc, 0x00), hi = _mm256_permute2f128_ps(sc, sc, 0x11);
+      acc0 = _mm256_fmadd_ps(_mm256_permute_ps(lo, 0x00), dot(p, b), acc0);
+      acc1 = _mm256_fmadd_ps(_mm256_permute_ps(lo, 0x55), dot(p + kBytes, b + 1), acc1);
+      acc2 = _mm256_fmadd_ps(_mm256_permute_ps(lo, 0xaa), dot(p + 2 * kBytes, b + 2), acc2);
+      acc3 = _mm256_fmadd_ps(_mm256_permute_ps(lo, 0xff), dot(p + 3 * kBytes, b + 3), acc3);
+      acc0 = _mm256_fmadd_ps(_mm256_permute_ps(hi, 0x00), dot(p + 4 * kBytes, b + 4), acc0);
+      acc1 = _mm256_fmadd_ps(_mm256_permute_ps(hi, 0x55), dot(p + 5 * kBytes, b + 5), acc1);
+      acc2 = _mm256_fmadd_ps(_mm256_permute_ps(hi, 0xaa), dot(p + 6 * kBytes, b + 6), acc2);
+      acc3 = _mm256_fmadd_ps(_mm256_permute_ps(hi, 0xff), dot(p + 7 * kBytes, b + 7), acc3);
     }
-    for (; b < blocks; ++b, p += kQ4Bytes) {
-      const __m256i s = dotI8(loadQ4(p + 2), loadI8(q + b * kBlock));
-      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(halfScale(p) * d[b]), _mm256_cvtepi32_ps(s), acc0);
-    }
+    for (; b < blocks; ++b, p += kBytes)
+      acc0 = _mm256_fmadd_ps(_mm256_set1_ps(_cvtsh_ss(loadU16(p)) * d[b]), dot(p, b), acc0);
     y[r] = hsum(_mm256_add_ps(_mm256_add_ps(acc0, acc1), _mm256_add_ps(acc2, acc3)));
   }
 }
@@ -346,8 +362,8 @@ bool cpuHasFast() { return false; }
 // Dispatch.
 
 using FloatRowsFn = void (*)(const uint8_t*, size_t, const float*, float*, size_t, size_t);
-using QuantRowsFn = void (*)(const uint8_t*, size_t, const int8_t*, const float*, float*, size_t, size_t);
-using QuantiseFn = void (*)(const float*, size_t, int8_t*, float*);
+using QuantRowsFn = void (*)(const uint8_t*, size_t, const QuantX&, float*, size_t, size_t);
+using QuantiseFn = void (*)(const float*, size_t, QuantX&);
 
 struct Kernels {
   const char* name;
@@ -360,7 +376,7 @@ constexpr Kernels kPortable = {"portable",      rowsF32Portable, rowsF16Portable
                                rowsQ8Portable,  rowsQ4Portable,  quantisePortable};
 #if LLAMA_KERNELS_X86
 constexpr Kernels kFast = {"avx2+fma+f16c", rowsFloatFast<LoadF32>, rowsFloatFast<LoadF16>, rowsFloatFast<LoadBF16>,
-                           rowsQ8Fast,      rowsQ4Fast,             quantiseFast};
+                           rowsQuantFast<kQ8Bytes, false>, rowsQuantFast<kQ4Bytes, true>, quantiseFast};
 #endif
 
 std::atomic<bool> gForcePortable{false};
@@ -402,19 +418,24 @@ inline void cpuRelax() {
 }
 
 // How long an idle thread polls for work before it sleeps: long enough to
-// bridge the short gaps between the matrix products of one token.
+// bridge the short gaps between the matrix products of one token. Past the
+// first microseconds it polls with yields, so on a machine with more
+// runnable threads than cores the thread it waits for gets the core.
+constexpr auto kSpinPause = std::chrono::microseconds(4);
 constexpr auto kSpin = std::chrono::microseconds(100);
 
-// Spins until pred() or kSpin has passed; returns pred().
+// Polls until pred() or kSpin has passed; returns pred().
 template <typename Pred>
 bool spinFor(Pred pred) {
-  const auto until = std::chrono::steady_clock::now() + kSpin;
+  const auto start = std::chrono::steady_clock::now();
   for (;;) {
-    for (int i = 0; i < 64; ++i) {
+    for (int i = 0; i < 16; ++i) {
       if (pred()) return true;
       cpuRelax();
     }
-    if (std::chrono::steady_clock::now() >= until) return pred();
+    const auto spent = std::chrono::steady_clock::now() - start;
+    if (spent >= kSpin) return pred();
+    if (spent >= kSpinPause) std::this_thread::yield();
   }
 }
 
@@ -517,8 +538,8 @@ void matvecRows(DType t, const void* W, size_t cols, const float* x, float* y, s
   const size_t blocks = cols / kBlock;
   QuantX& qx = threadQuantX();
   qx.reserve(blocks);
-  k.quantise(x, blocks, qx.q.data(), qx.d.data());
-  fn(w, cols, qx.q.data(), qx.d.data(), y, r0, r1);
+  k.quantise(x, blocks, qx);
+  fn(w, cols, qx, y, r0, r1);
 }
 
 void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* x, float* y) {
@@ -536,11 +557,9 @@ void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, 
   const size_t blocks = cols / kBlock;
   QuantX& qx = threadQuantX();
   qx.reserve(blocks);
-  k.quantise(x, blocks, qx.q.data(), qx.d.data());
-  const int8_t* q = qx.q.data();
-  const float* d = qx.d.data();
-  if (serial) return fn(w, cols, q, d, y, 0, rows);
-  pool.run(rows, [&](size_t b, size_t e) { fn(w, cols, q, d, y, b, e); });
+  k.quantise(x, blocks, qx);
+  if (serial) return fn(w, cols, qx, y, 0, rows);
+  pool.run(rows, [&](size_t b, size_t e) { fn(w, cols, qx, y, b, e); });
 }
 
 void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out) {
