@@ -28,7 +28,7 @@ test: all
 
 bench: deps
 	@bench/install-deps
-	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF $(CMAKE_FLAGS) >/dev/null
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF -DZAN_BENCH=ON $(CMAKE_FLAGS) >/dev/null
 	cmake --build $(RELEASE) -j $(JOBS)
 	@bench/run $(RELEASE)
 
@@ -40,7 +40,7 @@ test-asan: deps
 # zan into $(PREFIX)/bin and our plugins into $(PREFIX)/bin/plugins, where
 # the installed zan finds them beside itself.
 install: deps
-	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF -DZAN_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF $(CMAKE_FLAGS) >/dev/null
 	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf
 	cmake --install $(RELEASE) --prefix $(PREFIX)
 

@@ -1,0 +1,285 @@
+#include "plugins/llama/model.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace llama {
+
+namespace {
+
+using tov::zan2::SectionType;
+
+void rmsnorm(float* out, const float* x, const float* w, size_t n, float eps) {
+  double ss = 0;
+  for (size_t i = 0; i < n; ++i) ss += double(x[i]) * x[i];
+  const float scale = float(1.0 / std::sqrt(ss / double(n) + eps));
+  for (size_t i = 0; i < n; ++i) out[i] = x[i] * scale * w[i];
+}
+
+// One row of `n` floats (n a multiple of 32) as Q8_0 or Q4_0 blocks.
+void quantizeRow(KvType t, const float* x, size_t n, uint8_t* out) {
+  for (size_t b = 0; b < n / 32; ++b) {
+    const float* v = x + b * 32;
+    if (t == KvType::Q8_0) {
+      float amax = 0;
+      for (int i = 0; i < 32; ++i) amax = std::max(amax, std::fabs(v[i]));
+      const float d = amax / 127.0f, id = d ? 1.0f / d : 0.0f;
+      const uint16_t h = f32ToF16(d);
+      std::memcpy(out, &h, 2);
+      for (int i = 0; i < 32; ++i) out[2 + i] = uint8_t(int8_t(std::lround(v[i] * id)));
+      out += 34;
+    } else {
+      float amax = 0, max = 0;
+      for (int i = 0; i < 32; ++i)
+        if (std::fabs(v[i]) > amax) amax = std::fabs(v[i]), max = v[i];
+      const float d = max / -8.0f, id = d ? 1.0f / d : 0.0f;
+      const uint16_t h = f32ToF16(d);
+      std::memcpy(out, &h, 2);
+      for (int i = 0; i < 16; ++i) {
+        const int lo = std::min(15, int(v[i] * id + 8.5f)), hi = std::min(15, int(v[i + 16] * id + 8.5f));
+        out[2 + i] = uint8_t(std::max(0, lo) | (std::max(0, hi) << 4));
+      }
+      out += 18;
+    }
+  }
+}
+
+}  // namespace
+
+bool Model::matrix(const char* name, size_t rows, size_t cols, Matrix& m, std::string& err) {
+  const tov::TensorView t = reader_.tensorView(name);
+  if (!t.data) {
+    err = std::string("missing tensor ") + name;
+    return false;
+  }
+  if (!dtypeSupported(t.dtype)) {
+    err = std::string("tensor ") + name + " has unsupported type " + std::to_string(t.dtype);
+    return false;
+  }
+  if (t.ndim != 2 || t.dims[0] != cols || t.dims[1] != rows ||
+      t.size != rows * rowBytes(DType(t.dtype), cols) || ((t.dtype == kQ8_0 || t.dtype == kQ4_0) && cols % 32)) {
+    err = std::string("tensor ") + name + " has the wrong shape for this model";
+    return false;
+  }
+  m = Matrix{DType(t.dtype), t.data, rows, cols};
+  weightBytes_ += t.size;
+  return true;
+}
+
+bool Model::vector(const char* name, size_t n, std::vector<float>& v, std::string& err) {
+  const tov::TensorView t = reader_.tensorView(name);
+  if (!t.data || !dtypeSupported(t.dtype) || t.dims[0] != n || (t.ndim == 2 && t.dims[1] != 1) ||
+      t.size != rowBytes(DType(t.dtype), n)) {
+    err = std::string("missing or malformed tensor ") + name;
+    return false;
+  }
+  v.resize(n);
+  dequantRow(DType(t.dtype), t.data, 0, n, v.data());
+  weightBytes_ += t.size;
+  return true;
+}
+
+bool Model::load(const std::string& path, std::string& err) {
+  const tov::ZAN2Result r = reader_.open(path.c_str());
+  if (!r.ok()) {
+    err = r.message;
+    return false;
+  }
+  std::string arch;
+  reader_.getMetaStr("general.architecture", arch);
+  if (arch != "llama") {
+    err = "not a llama-family model (architecture '" + arch + "')";
+    return false;
+  }
+  auto u32 = [&](const char* key, uint32_t fallback) {
+    uint32_t v = fallback;
+    reader_.getMetaU32(key, v);
+    return v;
+  };
+  hp_.dim = u32("model.embedding_length", 0);
+  hp_.layers = u32("model.block_count", 0);
+  hp_.ff = u32("model.feed_forward_length", 0);
+  hp_.heads = u32("model.head_count", 0);
+  hp_.kvHeads = u32("model.head_count_kv", hp_.heads);
+  hp_.context = u32("model.context_length", 2048);
+  reader_.getMetaF32("model.rope_freq_base", hp_.ropeBase);
+  reader_.getMetaF32("model.rms_epsilon", hp_.eps);
+  if (!hp_.dim || !hp_.layers || !hp_.ff || !hp_.heads || !hp_.kvHeads || hp_.dim % hp_.heads ||
+      hp_.heads % hp_.kvHeads || (hp_.dim / hp_.heads) % 2) {
+    err = "the model's hyper-parameters are missing or inconsistent";
+    return false;
+  }
+  hp_.headDim = hp_.dim / hp_.heads;
+  hp_.kvDim = hp_.headDim * hp_.kvHeads;
+
+  tov::TokenizerData td;
+  if (!reader_.readTokenizer(td)) {
+    err = "the model has no readable tokenizer section";
+    return false;
+  }
+  if (!tok_.init(td, err)) return false;
+  hp_.vocab = u32("model.vocab_size", uint32_t(tok_.size()));
+
+  if (!matrix("token_embd.weight", hp_.vocab, hp_.dim, embed_, err)) return false;
+  if (!vector("output_norm.weight", hp_.dim, outNorm_, err)) return false;
+  if (reader_.findTensor("output.weight")) {
+    if (!matrix("output.weight", hp_.vocab, hp_.dim, output_, err)) return false;
+  } else {
+    output_ = embed_;  // tied
+  }
+  layers_.resize(hp_.layers);
+  for (uint32_t l = 0; l < hp_.layers; ++l) {
+    Layer& L = layers_[l];
+    auto name = [&](const char* part) { return "blk." + std::to_string(l) + "." + part; };
+    if (!vector(name("attn_norm.weight").c_str(), hp_.dim, L.attnNorm, err) ||
+        !vector(name("ffn_norm.weight").c_str(), hp_.dim, L.ffnNorm, err) ||
+        !matrix(name("attn_q.weight").c_str(), hp_.dim, hp_.dim, L.wq, err) ||
+        !matrix(name("attn_k.weight").c_str(), hp_.kvDim, hp_.dim, L.wk, err) ||
+        !matrix(name("attn_v.weight").c_str(), hp_.kvDim, hp_.dim, L.wv, err) ||
+        !matrix(name("attn_output.weight").c_str(), hp_.dim, hp_.dim, L.wo, err) ||
+        !matrix(name("ffn_gate.weight").c_str(), hp_.ff, hp_.dim, L.gate, err) ||
+        !matrix(name("ffn_up.weight").c_str(), hp_.ff, hp_.dim, L.up, err) ||
+        !matrix(name("ffn_down.weight").c_str(), hp_.dim, hp_.ff, L.down, err))
+      return false;
+  }
+  pool_ = std::make_unique<ThreadPool>(0);
+  x_.assign(hp_.dim, 0);
+  xb_.assign(hp_.dim, 0);
+  q_.assign(hp_.dim, 0);
+  k_.assign(hp_.kvDim, 0);
+  v_.assign(hp_.kvDim, 0);
+  attOut_.assign(hp_.dim, 0);
+  hb_.assign(hp_.ff, 0);
+  hb2_.assign(hp_.ff, 0);
+  logits_.assign(hp_.vocab, 0);
+  ropeFreq_.resize(hp_.headDim / 2);
+  for (uint32_t i = 0; i < hp_.headDim / 2; ++i)
+    ropeFreq_[i] = float(std::pow(double(hp_.ropeBase), -2.0 * i / double(hp_.headDim)));
+  return true;
+}
+
+bool Model::initCache(uint32_t context, KvType type, std::string& err) {
+  if (context == 0) context = 1;
+  if (type != KvType::F16 && hp_.kvDim % 32) {
+    err = "a quantised KV cache needs a KV width that is a multiple of 32";
+    return false;
+  }
+  kvType_ = type;
+  kvRowBytes_ = type == KvType::F16 ? hp_.kvDim * 2 : rowBytes(type == KvType::Q8_0 ? kQ8_0 : kQ4_0, hp_.kvDim);
+  const uint64_t bytes = uint64_t(context) * kvRowBytes_;
+  if (bytes > (uint64_t(1) << 36)) {
+    err = "the KV cache for " + std::to_string(context) + " positions would be too large";
+    return false;
+  }
+  kCache_.assign(hp_.layers, std::vector<uint8_t>(size_t(bytes)));
+  vCache_.assign(hp_.layers, std::vector<uint8_t>(size_t(bytes)));
+  cacheLen_ = context;
+  att_.assign(size_t(context) * hp_.kvDim * 2, 0);
+  scores_.assign(size_t(hp_.heads) * context, 0);
+  return true;
+}
+
+void Model::storeKv(uint32_t layer, uint32_t pos, const float* k, const float* v) {
+  uint8_t* kr = kCache_[layer].data() + size_t(pos) * kvRowBytes_;
+  uint8_t* vr = vCache_[layer].data() + size_t(pos) * kvRowBytes_;
+  if (kvType_ == KvType::F16) {
+    for (uint32_t i = 0; i < hp_.kvDim; ++i) {
+      const uint16_t hk = f32ToF16(k[i]), hv = f32ToF16(v[i]);
+      std::memcpy(kr + 2 * i, &hk, 2);
+      std::memcpy(vr + 2 * i, &hv, 2);
+    }
+  } else {
+    quantizeRow(kvType_, k, hp_.kvDim, kr);
+    quantizeRow(kvType_, v, hp_.kvDim, vr);
+  }
+}
+
+void Model::loadKvRow(const std::vector<uint8_t>& cache, size_t row, float* out) const {
+  const DType t = kvType_ == KvType::F16 ? kF16 : kvType_ == KvType::Q8_0 ? kQ8_0 : kQ4_0;
+  dequantRow(t, cache.data(), row, hp_.kvDim, out);
+}
+
+void Model::mv(const Matrix& m, const float* x, float* y) { matvec(*pool_, m.type, m.data, m.rows, m.cols, x, y); }
+
+void Model::forward(int32_t token, uint32_t pos) {
+  const Hparams& h = hp_;
+  if (token < 0 || uint32_t(token) >= h.vocab) token = 0;
+  dequantRow(embed_.type, embed_.data, size_t(token), h.dim, x_.data());
+  const float attScale = 1.0f / std::sqrt(float(h.headDim));
+  const uint32_t group = h.heads / h.kvHeads;
+  float* keys = att_.data();
+  float* vals = att_.data() + size_t(cacheLen_) * h.kvDim;
+
+  auto rope = [&](float* vec, uint32_t nHeads) {
+    for (uint32_t hd = 0; hd < nHeads; ++hd) {
+      float* p = vec + size_t(hd) * h.headDim;
+      for (uint32_t i = 0; i < h.headDim / 2; ++i) {
+        const float a = float(pos) * ropeFreq_[i], c = std::cos(a), s = std::sin(a);
+        const float v0 = p[2 * i], v1 = p[2 * i + 1];
+        p[2 * i] = v0 * c - v1 * s;
+        p[2 * i + 1] = v0 * s + v1 * c;
+      }
+    }
+  };
+
+  for (uint32_t l = 0; l < h.layers; ++l) {
+    Layer& L = layers_[l];
+    rmsnorm(xb_.data(), x_.data(), L.attnNorm.data(), h.dim, h.eps);
+    mv(L.wq, xb_.data(), q_.data());
+    mv(L.wk, xb_.data(), k_.data());
+    mv(L.wv, xb_.data(), v_.data());
+    rope(q_.data(), h.heads);
+    rope(k_.data(), h.kvHeads);
+    storeKv(l, pos, k_.data(), v_.data());
+
+    // The cached keys and values of every position so far, as floats.
+    pool_->run(size_t(pos) + 1, [&](size_t b, size_t e) {
+      for (size_t t = b; t < e; ++t) {
+        loadKvRow(kCache_[l], t, keys + t * h.kvDim);
+        loadKvRow(vCache_[l], t, vals + t * h.kvDim);
+      }
+    });
+    pool_->run(h.heads, [&](size_t b, size_t e) {
+      for (size_t hd = b; hd < e; ++hd) {
+        const float* q = q_.data() + hd * h.headDim;
+        const size_t kvOff = (hd / group) * h.headDim;
+        float* sc = scores_.data() + hd * cacheLen_;
+        float maxv = -INFINITY;
+        for (uint32_t t = 0; t <= pos; ++t) {
+          const float* k = keys + size_t(t) * h.kvDim + kvOff;
+          float dot = 0;
+          for (uint32_t i = 0; i < h.headDim; ++i) dot += q[i] * k[i];
+          sc[t] = dot * attScale;
+          maxv = std::max(maxv, sc[t]);
+        }
+        double sum = 0;
+        for (uint32_t t = 0; t <= pos; ++t) sum += (sc[t] = std::exp(sc[t] - maxv));
+        const float inv = float(1.0 / sum);
+        float* out = attOut_.data() + hd * h.headDim;
+        std::fill(out, out + h.headDim, 0.0f);
+        for (uint32_t t = 0; t <= pos; ++t) {
+          const float a = sc[t] * inv;
+          const float* v = vals + size_t(t) * h.kvDim + kvOff;
+          for (uint32_t i = 0; i < h.headDim; ++i) out[i] += a * v[i];
+        }
+      }
+    });
+    mv(L.wo, attOut_.data(), xb_.data());
+    for (uint32_t i = 0; i < h.dim; ++i) x_[i] += xb_[i];
+
+    rmsnorm(xb_.data(), x_.data(), L.ffnNorm.data(), h.dim, h.eps);
+    mv(L.gate, xb_.data(), hb_.data());
+    mv(L.up, xb_.data(), hb2_.data());
+    for (uint32_t i = 0; i < h.ff; ++i) {
+      const float g = hb_[i];
+      hb_[i] = g / (1.0f + std::exp(-g)) * hb2_[i];
+    }
+    mv(L.down, hb_.data(), xb_.data());
+    for (uint32_t i = 0; i < h.dim; ++i) x_[i] += xb_[i];
+  }
+  rmsnorm(xb_.data(), x_.data(), outNorm_.data(), h.dim, h.eps);
+  mv(output_, xb_.data(), logits_.data());
+}
+
+}  // namespace llama
