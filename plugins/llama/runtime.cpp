@@ -278,9 +278,23 @@ int32_t configure(void* handle, const ZANGenParams* params) {
   return 0;
 }
 
+// Feeds a user turn. When the conversation no longer fits the context, it
+// is forgotten and the turn starts a new one; false when even that fails.
+bool feedTurn(Session& s, const char* text) {
+  const uint32_t start = s.pos;
+  const bool first = s.firstTurn;
+  std::vector<int32_t> tokens = turnTokens(s, text ? text : "");
+  if (start + tokens.size() < limit(s)) return feed(s, tokens);
+  if (first) return false;
+  s.pos = 0;
+  s.firstTurn = true;
+  tokens = turnTokens(s, text ? text : "");
+  return tokens.size() < limit(s) && feed(s, tokens);
+}
+
 int32_t chatStream(void* handle, const char* text, ZANTokenFn onToken, void* user, volatile int* stop) {
   Session& s = *static_cast<Session*>(handle);
-  if (!feed(s, turnTokens(s, text ? text : ""))) return 3;  // the conversation fills the context
+  if (!feedTurn(s, text)) return 3;  // the turn alone is longer than the context
   generateTokens(
       s, [&](const std::string& piece) { onToken(piece.data(), uint32_t(piece.size()), user); }, stop);
   return 0;
@@ -289,7 +303,7 @@ int32_t chatStream(void* handle, const char* text, ZANTokenFn onToken, void* use
 int32_t chatTurn(void* handle, const char* text, char* out, uint64_t outCap) {
   Session& s = *static_cast<Session*>(handle);
   std::string reply;
-  if (!feed(s, turnTokens(s, text ? text : ""))) {
+  if (!feedTurn(s, text)) {
     answer("", out, outCap);
     return 3;
   }

@@ -1,0 +1,95 @@
+#!/usr/bin/env python3
+"""The llama runtime through zan itself: run, chat and bench on generated
+models (their text is noise, so the checks are about behaviour: the same
+seed gives the same text, output is valid UTF-8, limits hold, failures are
+reported).
+
+    runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR
+"""
+import argparse
+import os
+import re
+import subprocess
+import sys
+
+failures = []
+
+
+def check(cond, what):
+    if not cond:
+        failures.append(what)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--zan", required=True)
+    ap.add_argument("--gguf-gen", required=True)
+    ap.add_argument("--work", required=True)
+    opts = ap.parse_args()
+    os.makedirs(opts.work, exist_ok=True)
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
+
+    def zan(*args, stdin=""):
+        r = subprocess.run([os.path.realpath(opts.zan)] + list(args), input=stdin.encode(), capture_output=True,
+                           env=env, cwd=opts.work, timeout=120)
+        return r.returncode, r.stdout, r.stderr.decode("utf-8", "replace")
+
+    for tokenizer in ("llama", "gpt2"):
+        gguf = os.path.join(opts.work, f"{tokenizer}.gguf")
+        model = os.path.join(opts.work, f"{tokenizer}.zan")
+        subprocess.run([opts.gguf_gen, "--out", gguf, "--type", "q8_0", "--tokenizer", tokenizer, "--vocab", "400",
+                        "--seed", "11"], check=True)
+        rc, _, err = zan("convert", gguf, model)
+        check(rc == 0, f"{tokenizer}: convert: {err}")
+        t = tokenizer
+
+        a = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
+        b = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
+        check(a[0] == 0 and a[1] == b[1], f"{t}: the same seed gave different text: {a[1]!r} vs {b[1]!r}")
+        check(a[2] == "[plugin-runtime] llama (cpu)\n", f"{t}: run stderr: {a[2]!r}")
+        try:
+            a[1].decode("utf-8")
+        except UnicodeDecodeError:
+            check(False, f"{t}: the answer is not valid UTF-8: {a[1]!r}")
+        g1 = zan("run", model, "-p", "a b c", "--temp", "0", "-n", "16", "--seed", "1")
+        g2 = zan("run", model, "-p", "a b c", "--temp", "0", "-n", "16", "--seed", "99")
+        check(g1[0] == 0 and g1[1] == g2[1], f"{t}: greedy text depends on the seed")
+        rc, out, err = zan("run", model, "-p", "x", "-n", "0")
+        check(rc == 0 and out == b"\n", f"{t}: -n 0 should answer nothing: {out!r} {err}")
+        rc, out, err = zan("run", model, "-p", "hi", "-kv", "q8_0", "-c", "64", "-n", "8")
+        check(rc == 0 and "[cfg] ctx=64 kv=q8_0\n" in err, f"{t}: -kv q8_0 -c 64: {rc} {err}")
+        rc, out, err = zan("run", model, "-p", "one two three four five six seven", "-c", "4")
+        check(rc == 1 and err.endswith("zan: generation failed (3)\n"), f"{t}: a prompt over the context: {rc} {err}")
+
+        rc, out, err = zan("chat", model, "-n", "8", stdin="hello there\n/clear\nagain\n")
+        text = out.decode("utf-8", "replace")
+        check(rc == 0 and text.startswith("Halden chat (plugin runtime llama)\ncommands: /exit /quit, /clear\nUser: ")
+              and text.count("\nModel: ") == 2 and text.endswith("User: "), f"{t}: chat: {rc} {text!r}")
+        check(err.count("[zan chat] streaming via llama (v2s)\n") == 2, f"{t}: chat stderr: {err!r}")
+
+        # A conversation longer than the context starts over instead of failing.
+        rc, out, err = zan("chat", model, "-c", "80", stdin="one\ntwo\nthree\nfour\n")
+        text = out.decode("utf-8", "replace")
+        check(rc == 0 and text.count("\nModel: ") == 4 and text.endswith("User: ") and "failed" not in err,
+              f"{t}: chat over a small context: {rc} {text!r} {err!r}")
+
+        rc, out, err = zan("bench", model, "--tokens", "8", "--warmup", "2", "--runs", "2")
+        lines = out.decode().splitlines()
+        check(rc == 0 and len(lines) == 3 and all(re.fullmatch(r"run \d: [\d.]+ ms/token \([\d.]+ tok/s\)", l)
+                                                  for l in lines[:2])
+              and re.fullmatch(r"mean [\d.]+ ms \| p50 [\d.]+ \| min [\d.]+ \| max [\d.]+ \| [\d.]+ tok/s", lines[2]),
+              f"{t}: bench: {out!r} {err}")
+        rc, out, err = zan("bench", model, "--tokens", "5000", "--runs", "1", "-c", "64")
+        check(rc == 0 and err.endswith("zan: bench failed (3)\n"), f"{t}: bench beyond the context: {err!r}")
+
+    # A model container of another architecture is not claimed.
+    rc, out, err = zan("info", os.path.join(opts.work, "llama.zan"))
+    check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out.decode(), f"info: {out!r} {err}")
+    for f in failures:
+        print("FAIL " + f)
+    print(f"llama runtime through zan: {len(failures)} failures")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
