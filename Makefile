@@ -19,9 +19,9 @@ deps:
 	@scripts/install-deps
 
 demo: deps
-	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(RELEASE) -j $(JOBS) --target zan
-	@scripts/demo $(RELEASE)/zan
+	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF -DZAN_BENCH=ON $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama gguf_gen
+	@scripts/demo $(RELEASE)
 
 test: all
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

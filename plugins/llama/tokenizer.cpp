@@ -512,27 +512,31 @@ std::string Tokenizer::piece(int32_t id) const {
 
 // ---------------------------------------------------------- Detokenizer
 
+// Bytes that can never be part of a character go out as U+FFFD, so
+// everything handed out is valid UTF-8 whatever the model samples.
+constexpr char kReplacement[] = "\xEF\xBF\xBD";
+
 std::string Detokenizer::push(int32_t id) {
   pending_ += tok_.piece(id);
-  // Everything up to the start of a character that may still complete; a
-  // start that can't (a wrong byte followed) goes out as it is.
-  size_t keep = pending_.size();
-  for (size_t i = 0; i < pending_.size();) {
+  // Everything up to the start of a character that may still complete.
+  std::string out;
+  size_t i = 0;
+  while (i < pending_.size()) {
     size_t len;
-    if (utf8At(pending_, i, len) == Utf8::Truncated) {
-      keep = i;
-      break;
-    }
+    const Utf8 kind = utf8At(pending_, i, len);
+    if (kind == Utf8::Truncated) break;
+    if (kind == Utf8::Invalid) out += kReplacement;
+    else out.append(pending_, i, len);
     i += len;
   }
-  std::string out = pending_.substr(0, keep);
-  pending_.erase(0, keep);
+  pending_.erase(0, i);
   return out;
 }
 
 std::string Detokenizer::flush() {
-  std::string out;
-  out.swap(pending_);
+  // What is held back is the start of a character that never completed.
+  std::string out = pending_.empty() ? "" : kReplacement;
+  pending_.clear();
   return out;
 }
 

@@ -284,11 +284,11 @@ TEST(LlamaTokenizer, DetokenizerStreamsWholeCharacters) {
   const std::vector<std::vector<Step>> streams = {
       {{6, ""}, {7, ""}, {8, ""}, {9, "😀"}},
       {{4, ""}, {5, "é"}},
-      {{11, "a"}, {10, " "}, {4, ""}, {18, "\xC3 a"}},  // a space can't continue "\xC3"
+      {{11, "a"}, {10, " "}, {4, ""}, {18, "\uFFFD a"}},  // a space can't continue "\xC3"
       {{6, ""}, {1, ""}, {7, ""}, {8, ""}, {9, "😀"}},  // a control token in between
-      {{9, "\x80"}},                                     // a lone continuation byte at once
-      {{6, ""}, {9, "\xF0\x80"}},                        // "\xF0\x80" never starts a character
-      {{4, ""}, {6, "\xC3"}, {7, ""}, {8, ""}, {9, "\xF0\x9F\x98\x80"}},
+      {{9, "\uFFFD"}},                                   // a lone continuation byte at once
+      {{6, ""}, {9, "\uFFFD\uFFFD"}},                    // "\xF0\x80" never starts a character
+      {{4, ""}, {6, "\uFFFD"}, {7, ""}, {8, ""}, {9, "\xF0\x9F\x98\x80"}},
   };
   for (size_t s = 0; s < streams.size(); ++s) {
     llama::Detokenizer d(t);
@@ -299,7 +299,7 @@ TEST(LlamaTokenizer, DetokenizerStreamsWholeCharacters) {
   llama::Detokenizer d(t);
   EXPECT_EQ(d.push(6), "");
   EXPECT_EQ(d.push(7), "");
-  EXPECT_EQ(d.flush(), "\xF0\x9F");
+  EXPECT_EQ(d.flush(), "\uFFFD");  // an unfinished character
   EXPECT_EQ(d.flush(), "");
 }
 
