@@ -22,12 +22,8 @@ inline Insn op(uint8_t o, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0, uint32
 inline Insn konst(uint32_t slot, uint64_t v) {
   return op(Op_const, slot, uint32_t(v), uint32_t(v >> 32), kI64);
 }
-inline Insn sys(uint32_t num, uint32_t result, uint32_t base) {
-  return op(Op_syscall, num, result, base);
-}
-inline Insn call(uint32_t result, uint32_t fn, uint32_t base) {
-  return op(Op_call, result, fn, base);
-}
+inline Insn sys(uint32_t n, uint32_t res, uint32_t base) { return op(Op_syscall, n, res, base); }
+inline Insn call(uint32_t res, uint32_t fn, uint32_t base) { return op(Op_call, res, fn, base); }
 inline Insn exitWith(uint32_t slot) { return sys(0, slot, slot); }
 
 // Little-endian u32 words as bytes, for data segments.
@@ -46,10 +42,9 @@ struct Prog {
   std::vector<Insn> code;
 
   uint32_t here() const { return uint32_t(code.size()); }
-  uint32_t fn(uint32_t slots, const std::vector<Insn>& body, uint32_t params = 0) {
+  void fn(uint32_t slots, const std::vector<Insn>& body, uint32_t params = 0) {
     funcs.push_back(FuncMeta{0, 0, params, 0, slots, 0, here(), uint32_t(body.size())});
     code.insert(code.end(), body.begin(), body.end());
-    return uint32_t(funcs.size() - 1);
   }
   void seg(uint64_t memOff, const std::string& bytes) {
     segs.push_back(DataSeg{memOff, bytes.size(), data.size()});
@@ -60,10 +55,7 @@ struct Prog {
   }
 };
 
-struct Result {
-  int rc = 0;
-  std::string err, out, errOut;
-};
+struct Result { int rc = 0; std::string err, out, errOut; };
 
 inline Result run(const Prog& p, VmConfig cfg = {}) {
   Result r;

@@ -95,10 +95,7 @@ TEST(ZanbRead, EveryFailureWithItsMessage) {
   m2.dataSegs = {{0, 8, 0}};
   m2.data.assign(8, 7);
   const std::vector<uint8_t> one = writeModule(m1), seg = writeModule(m2);
-  struct Patch {
-    size_t off, width;
-    uint64_t value;
-  };
+  struct Patch { size_t off, width; uint64_t value; };
   struct Row {
     const char* what;
     const std::vector<uint8_t>& base;
