@@ -21,11 +21,7 @@ constexpr uint64_t D1 = 0x3FF0000000000000, D2 = 0x4000000000000000, D3 = 0x4008
 constexpr uint64_t kNaN32 = 0x7F80BEEF, kNaN64 = 0x7FF0DEADBEEF0001;
 constexpr uint32_t T5 = 5, T7 = 7, T9 = 9, T15 = 15;  // type codes above 3 act as f64
 
-struct Row {
-  uint8_t op;
-  uint32_t type;
-  uint64_t b, c, want;
-};
+struct Row { uint8_t op; uint32_t type; uint64_t b, c, want; };
 
 std::string what(const Row& r) {
   return std::string(opName(r.op)) + "." + typeName(r.type) + "(" + std::to_string(r.type) +
@@ -122,7 +118,7 @@ TEST(InsnFloatBinary, F32AndF64) {
   runRows(rows);
 }
 
-TEST(InsnUnary, IntegerAndFloat) {
+TEST(InsnUnary, IntegerFloatAndMoves) {
   std::vector<Row> rows = {
       {Op_clz, kI32, 0, 0, 32}, {Op_clz, kI32, I32MIN, 0, 0}, {Op_clz, kI64, 0, 0, 64},
       {Op_clz, kI32, 0xFFFFFFFF00000001, 0, 31}, {Op_clz, kI64, 0x100000000, 0, 31},
@@ -149,6 +145,13 @@ TEST(InsnUnary, IntegerAndFloat) {
       {Op_sqrt, kF64, D2, 0, 0x3FF6A09E667F3BCD}, {Op_sqrt, kF64, DM1, 0, kNaN64},
       {Op_ctz, kF64, D1, 0, D1}, {Op_abs, T9, DM1, 0, D1},
   };
+  // Moves copy all 64 bits; select keeps slot 0 unless the condition's low
+  // half is zero.
+  const uint64_t v = 0xFFFFFFFF12345678;
+  rows.insert(rows.end(), {{Op_mov, kI32, v, 0, v}, {Op_getl, kF32, v, 0, v},
+                           {Op_setl, kI32, v, 0, v}, {Op_reinterpret, kF32, v, 0, v},
+                           {Op_select, kI32, I32MIN, v, kMark},
+                           {Op_select, kI32, 1ull << 32, v, v}});
   // No integer negation or rounding: the operand is copied.
   for (uint8_t o = Op_neg; o <= Op_sqrt; o++) {
     rows.push_back({o, kI32, 0xABCDEF0012345678, 0, 0x12345678});
@@ -188,12 +191,9 @@ TEST(InsnCompare, IntegerAndFloat) { runRows(compareRows()); }
 // step in the plain loop), and with an add or sub right before the compare
 // (a counted loop's step) making slot 0 from slot 1 and slot 4 (= 1). The
 // branch goes to pc 10 or on to pc 8; the compare's slot keeps its result.
-TEST(InsnBranch, AfterACompare) {
+TEST(InsnBranch, PlainAndAfterACompare) {
   for (const Row& r : compareRows()) {
-    struct Step {
-      Insn insn;
-      uint64_t slot1, slot0;
-    };
+    struct Step { Insn insn; uint64_t slot1, slot0; };
     std::vector<Step> steps = {{konst(0, r.b), 0, r.b},
                                {op(Op_add, 0, 1, 4, kI64), r.b - 1, r.b},
                                {op(Op_sub, 0, 1, 4, kI64), r.b + 1, r.b}};
@@ -220,6 +220,13 @@ TEST(InsnBranch, AfterACompare) {
             kMark);
   EXPECT_EQ(eval({kMark, 1, 2, 0, 0}, {op(Op_lt_s, 4, 1, 2), op(Op_jz, 8, 3), konst(0, 1)}).value,
             kMark);
+  // Plain branches test the low half; pc 2 branches over pc 3 to pc 4.
+  struct B { uint8_t op; uint64_t cond, want; };
+  for (B r : {B{Op_jz, 0x100000000, 0}, B{Op_jz, I32MIN, 1}, B{Op_jnz, 0x100000000, 1},
+              B{Op_jnz, 2, 0}, B{Op_jmp, 0, 0}}) {
+    EXPECT_EQ(eval({0, r.cond}, {op(r.op, 4, 1), konst(0, 1)}).value, r.want) << hex(r.cond);
+  }
+  EXPECT_EQ(eval({}, {op(Op_const, 0, 0x12345678, 0x9ABCDEF0, kI32)}).value, 0x9ABCDEF012345678u);
   // A jump straight onto the branch skips the compare: slot 3 stays 0.
   for (uint8_t br : {Op_jz, Op_jnz}) {
     Eval e =
@@ -293,28 +300,6 @@ TEST(InsnConvert, EveryKind) {
   }
 }
 
-TEST(InsnMove, MovesConstSelectAndBranches) {
-  const uint64_t v = 0xFFFFFFFF12345678;
-  runRows({
-      {Op_mov, kI32, v, 0, v}, {Op_getl, kF32, v, 0, v}, {Op_setl, kI32, v, 0, v},
-      {Op_reinterpret, kF32, v, 0, v},
-      // select keeps slot 0 unless the low half of the condition is zero.
-      {Op_select, kI32, I32MIN, v, kMark}, {Op_select, kI32, 0x100000000, v, v},
-  });
-  EXPECT_EQ(eval({}, {op(Op_const, 0, 0x12345678, 0x9ABCDEF0, kI32)}).value, 0x9ABCDEF012345678u);
-  // pc 0..1 load the slots, pc 2 branches over pc 3 to pc 4.
-  struct B {
-    uint8_t op;
-    uint64_t cond, want;
-  };
-  for (B r : {B{Op_jz, 0x100000000, 0}, B{Op_jz, I32MIN, 1}, B{Op_jnz, 0x100000000, 1},
-              B{Op_jnz, 2, 0}}) {
-    EXPECT_EQ(eval({0, r.cond}, {op(r.op, 4, 1), konst(0, 1)}).value, r.want)
-        << opName(r.op) << " " << hex(r.cond);
-  }
-  EXPECT_EQ(eval({7}, {op(Op_jmp, 3), konst(0, 1)}).value, 7u);
-}
-
 // Loads read the bytes at 0x100; stores write slot 2 over the eight 0xEE
 // bytes at 0x10, read back as one i64. An empty `err` means no trap.
 TEST(InsnMemory, LoadsAndStores) {
@@ -371,9 +356,7 @@ TEST(InsnMemory, LoadsAndStores) {
 }
 
 TEST(InsnMemory, MemGrow) {
-  struct G {
-    uint64_t minPages, maxPages, memLimit, delta, want, pagesAfter;
-  };
+  struct G { uint64_t minPages, maxPages, memLimit, delta, want, pagesAfter; };
   const uint64_t k4G = 0x100000000;
   const G rows[] = {
       {0, 0, k4G, 1, 2, 3}, {0, 0, k4G, 0, 2, 2}, {0, 3, k4G, 1, 2, 3}, {0, 3, k4G, 2, ALL, 2},
@@ -415,12 +398,7 @@ TEST(InsnMemory, BulkOperations) {
   p.seg(0, "");
   p.seg(0, "");
   p.seg(0x200, "WXYZ");
-  struct R {
-    uint8_t op;
-    uint64_t a, b, c;
-    const char* want;
-    std::string err;
-  };
+  struct R { uint8_t op; uint64_t a, b, c; const char* want; std::string err; };
   const std::string segOut = "zanb trap: data segment out of bounds";
   const R rows[] = {
       {Op_mem_copy, 0x102, 0x100, 6, "ababcdef", ""},
