@@ -44,7 +44,7 @@ void runRows(const std::vector<Row>& rows) {
   }
 }
 
-TEST(InsnIntBinary, I32AndI64) {
+TEST(ZanbInsn, IntBinary) {
   runRows({
       {Op_add, kI32, M32, 1, 0}, {Op_add, kI32, 0xAAAAAAAA00000005, 0x5555555500000007, 12},
       {Op_sub, kI32, 0, 1, M32}, {Op_mul, kI32, 0x10000, 0x10000, 0},
@@ -96,7 +96,7 @@ TEST(InsnIntBinary, I32AndI64) {
   }
 }
 
-TEST(InsnFloatBinary, F32AndF64) {
+TEST(ZanbInsn, FloatBinary) {
   std::vector<Row> rows = {
       {Op_add, kF32, F1, F2, F3},
       {Op_add, kF32, 0xFFFFFFFF00000000 | F1, 0x1234567800000000 | F2, F3},
@@ -118,7 +118,7 @@ TEST(InsnFloatBinary, F32AndF64) {
   runRows(rows);
 }
 
-TEST(InsnUnary, IntegerFloatAndMoves) {
+TEST(ZanbInsn, UnaryAndMoves) {
   std::vector<Row> rows = {
       {Op_clz, kI32, 0, 0, 32}, {Op_clz, kI32, I32MIN, 0, 0}, {Op_clz, kI64, 0, 0, 64},
       {Op_clz, kI32, 0xFFFFFFFF00000001, 0, 31}, {Op_clz, kI64, 0x100000000, 0, 31},
@@ -185,13 +185,13 @@ std::vector<Row> compareRows() {
   };
 }
 
-TEST(InsnCompare, IntegerAndFloat) { runRows(compareRows()); }
+TEST(ZanbInsn, Compare) { runRows(compareRows()); }
 
 // Every compare row again, followed by jz or jnz on its result (one fused
 // step in the plain loop), and with an add or sub right before the compare
 // (a counted loop's step) making slot 0 from slot 1 and slot 4 (= 1). The
 // branch goes to pc 10 or on to pc 8; the compare's slot keeps its result.
-TEST(InsnBranch, PlainAndAfterACompare) {
+TEST(ZanbInsn, Branches) {
   for (const Row& r : compareRows()) {
     struct Step { Insn insn; uint64_t slot1, slot0; };
     std::vector<Step> steps = {{konst(0, r.b), 0, r.b},
@@ -236,7 +236,7 @@ TEST(InsnBranch, PlainAndAfterACompare) {
 }
 
 // Conversions by name: a name in the wrong place of the table fails here too.
-TEST(InsnConvert, EveryKind) {
+TEST(ZanbInsn, Conversions) {
   struct C {
     const char* name;
     std::vector<std::pair<uint64_t, uint64_t>> cases;  // source bits, result bits
@@ -302,7 +302,7 @@ TEST(InsnConvert, EveryKind) {
 
 // Loads read the bytes at 0x100; stores write slot 2 over the eight 0xEE
 // bytes at 0x10, read back as one i64. An empty `err` means no trap.
-TEST(InsnMemory, LoadsAndStores) {
+TEST(ZanbInsn, LoadsAndStores) {
   struct L {
     uint8_t op;
     uint32_t type;
@@ -355,7 +355,7 @@ TEST(InsnMemory, LoadsAndStores) {
   }
 }
 
-TEST(InsnMemory, MemGrow) {
+TEST(ZanbInsn, MemGrow) {
   struct G { uint64_t minPages, maxPages, memLimit, delta, want, pagesAfter; };
   const uint64_t k4G = 0x100000000;
   const G rows[] = {
@@ -392,7 +392,7 @@ TEST(InsnMemory, MemGrow) {
 // mem_copy, mem_fill and mem_init `op a=1 b=2 c=3` over "abcdefgh" at 0x100;
 // slot 0 ends up as those 8 bytes. mem_init copies from segment 3, "WXYZ",
 // and takes its count from slot 3 as well.
-TEST(InsnMemory, BulkOperations) {
+TEST(ZanbInsn, BulkMemory) {
   Prog p;
   p.seg(0x100, "abcdefgh");
   p.seg(0, "");

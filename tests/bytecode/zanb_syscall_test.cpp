@@ -47,7 +47,7 @@ void runSysRows(const std::vector<SysRow>& rows, const Prog& p, uint32_t dumpAt,
   }
 }
 
-TEST(SyscallWrite, LengthsAndStreams) {
+TEST(ZanbSyscall, WriteLengthsAndStreams) {
   Prog p;
   p.seg(0, std::string("XY\0", 3));
   p.seg(0x100, std::string("hello\0", 6));
@@ -68,7 +68,7 @@ TEST(SyscallWrite, LengthsAndStreams) {
 // The fault of a bad write stays: stores, bulk operations, other system calls
 // and writes go on, and the next load or fd_write traps with it, in bounds
 // or not.
-TEST(SyscallWrite, FaultSticksUntilTheNextLoadOrFdWrite) {
+TEST(ZanbSyscall, FaultSticksUntilTheNextLoadOrFdWrite) {
   Prog p;
   p.seg(0x100, "abcdefgh");
   p.seg(0x280, "ok");
@@ -90,7 +90,7 @@ TEST(SyscallWrite, FaultSticksUntilTheNextLoadOrFdWrite) {
 }
 
 // Exit stops the run with a frame below it: nothing after it runs.
-TEST(SyscallExit, StopsWithFramesOnTheStack) {
+TEST(ZanbSyscall, ExitWithFramesOnTheStack) {
   struct R { uint32_t num; uint64_t code; int rc; };
   for (R r : {R{0, 3, 3}, R{114, 3, 3}, R{0, 0xABCD000000000005, 5}, R{0, 0xFFFFFFFF, -1}}) {
     Prog p;
@@ -105,7 +105,7 @@ TEST(SyscallExit, StopsWithFramesOnTheStack) {
 
 // Over 0x40 bytes of 0xEE at 0x10: a count at 0x10, a table at 0x20, text at
 // 0x40. Out of bounds pointers fail the call.
-TEST(SyscallArgs, ArgumentAndEnvironmentLists) {
+TEST(ZanbSyscall, ArgumentAndEnvironmentLists) {
   Prog p;
   p.seg(0x10, std::string(0x40, '\xEE'));
   VmConfig cfg;
@@ -142,7 +142,7 @@ TEST(SyscallArgs, ArgumentAndEnvironmentLists) {
 }
 
 // Stubs, the clock's and random's pointers, over 32 bytes of 0xEE at 0x380.
-TEST(SyscallMisc, ClockRandomAndStubs) {
+TEST(ZanbSyscall, ClockRandomAndStubs) {
   auto now = [] {
     return uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(
                         std::chrono::system_clock::now().time_since_epoch()).count());
@@ -188,7 +188,7 @@ TEST(SyscallMisc, ClockRandomAndStubs) {
 // and strcopy (40: dest, cap, source), writing over '#' bytes at 0x400. A
 // string outside memory reads as "" and sets no fault: the load behind each
 // call must not trap.
-TEST(SyscallText, StrfindFmtAndStrcopy) {
+TEST(ZanbSyscall, StrfindFmtAndStrcopy) {
   Prog p;
   p.seg(0, "ZZ");  // a suffix address of 0 means none, not this text
   p.seg(0x100, std::string("hello world\0", 12));
@@ -230,7 +230,7 @@ TEST(SyscallText, StrfindFmtAndStrcopy) {
 
 // iovec arrays at 0x300.. over "hello" at 0x100 and "abc" at 0x200; the
 // total goes to 0x380, over 0xEE bytes.
-TEST(SyscallFdWrite, IovecsAndTotal) {
+TEST(ZanbSyscall, FdWriteIovecsAndTotal) {
   Prog p;
   p.seg(0x100, "hello");
   p.seg(0x200, "abc");
@@ -254,7 +254,7 @@ TEST(SyscallFdWrite, IovecsAndTotal) {
 // With the arguments ending at the frame's last slot the call is made, one
 // further traps. Arguments are all zero, so every call is harmless. The
 // counts are the guest's calling convention; numbers not listed take none.
-TEST(SyscallFrame, ArgumentCounts) {
+TEST(ZanbSyscall, ArgumentCounts) {
   const std::vector<uint32_t> byCount[] = {
       {},
       {0, 25, 27, 28, 31, 32, 33, 34, 35, 41, 43, 44, 45, 48, 52, 53, 55, 111, 114},
@@ -278,7 +278,7 @@ TEST(SyscallFrame, ArgumentCounts) {
 }
 
 // With no host every host call answers its default; arguments all zero.
-TEST(SyscallHost, NullHostDefaults) {
+TEST(ZanbSyscall, NullHostDefaults) {
   for (uint32_t num = 10; num <= 55; num++) {
     if (num == 26 || num == 29 || num == 40) continue;
     Eval e = eval({kMark}, {sys(num, 0, 1)});

@@ -11,7 +11,7 @@ using namespace zanbtest;
 
 // main (pc 0..7) calls function 1 with 20, 22 and a 99 behind them that must
 // not be copied, then exits with the result + 7.
-TEST(VmCall, ResultsReachTheCallersSlot) {
+TEST(ZanbVm, CallResultsReachTheCallersSlot) {
   struct R { const char* what; uint32_t params, slots; std::vector<Insn> body; int want; };
   const R rows[] = {
       {"ret slot", 2, 4, {op(Op_add, 3, 0, 1), op(Op_add, 3, 3, 2), op(Op_ret, 3)}, 49},
@@ -33,7 +33,7 @@ TEST(VmCall, ResultsReachTheCallersSlot) {
 
 // depth(n) = n == 0 ? 0 : depth(n - 1) + 1, using slot 1 after the call: every
 // frame is the callee's own, and deep recursion takes no host stack.
-TEST(VmCall, DeepRecursion) {
+TEST(ZanbVm, DeepRecursion) {
   Prog p;
   p.fn(2, {konst(0, 200000), call(1, 1, 0), exitWith(1)});
   p.fn(4, {op(Op_jz, 8, 0), konst(1, 1), op(Op_sub, 2, 0, 1), call(3, 1, 2), op(Op_add, 0, 3, 1),
@@ -42,7 +42,7 @@ TEST(VmCall, DeepRecursion) {
   EXPECT_EQ(run(p).rc, 200000);
 }
 
-TEST(VmStart, EntryAndLoadFailures) {
+TEST(ZanbVm, EntryAndLoadFailures) {
   const char* lim = "zanb: initial memory exceeds the configured limit";
   const char* range = "zanb: entry function out of range";
   const uint64_t k4G = 0x100000000;
@@ -84,7 +84,7 @@ TEST(VmStart, EntryAndLoadFailures) {
   EXPECT_EQ(err, "zanb: bad magic");
 }
 
-TEST(VmStart, EntryFunctionAndRunningAgain) {
+TEST(ZanbVm, EntryFunctionAndRunningAgain) {
   // The entry function's result is no exit code, and it gets no arguments
   // whatever its params say.
   Prog p;
@@ -112,7 +112,7 @@ TEST(VmStart, EntryFunctionAndRunningAgain) {
 // Every instruction run counts, the callee's too, and a compare and its
 // branch count as two; the return at a function's end is none. The
 // instruction past the limit does not run: `write` prints only at 4.
-TEST(VmStepLimit, CountsEveryInstructionOfTheRun) {
+TEST(ZanbVm, StepLimitCountsEveryInstruction) {
   Prog nops, callee, loop, write;
   nops.fn(1, std::vector<Insn>(5, op(Op_nop)));
   callee.fn(1, {call(0, 1, 0)});
@@ -164,7 +164,7 @@ void runTrapRows(const std::vector<TrapRow>& rows) {
   }
 }
 
-TEST(VmTrap, TrapTexts) {
+TEST(ZanbVm, TrapTexts) {
   runTrapRows({
       {3, {op(Op_nop), op(Op_min)}, "unknown opcode 42 at pc 2"},
       {3, {op(Op_copysign, 0, 0, 0, kF64)}, "unknown opcode 44 at pc 1"},
@@ -190,7 +190,7 @@ TEST(VmTrap, TrapTexts) {
 
 // Each function is checked whole before it first runs: a, b and c must name
 // slots of the frame, except where the opcode gives them another meaning.
-TEST(VmTrap, SlotValidationByOpcode) {
+TEST(ZanbVm, SlotValidationByOpcode) {
   auto bad = [](uint32_t pc, const Insn& i, uint32_t n) {
     return "slot out of range: pc " + std::to_string(pc) + " op " + std::to_string(i.op()) +
            " a=" + std::to_string(i.a) + " b=" + std::to_string(i.b) + " c=" + std::to_string(i.c) +
@@ -220,7 +220,7 @@ TEST(VmTrap, SlotValidationByOpcode) {
 
 // main prints "A", then calls a function that would print "B" but is
 // checked whole, and found broken, before it runs. Uncalled, it does no harm.
-TEST(VmTrap, ValidationIsLazy) {
+TEST(ZanbVm, ValidationIsLazy) {
   for (bool called : {false, true}) {
     Prog p;
     p.seg(0x10, "AB");
@@ -238,7 +238,7 @@ TEST(VmTrap, ValidationIsLazy) {
 // Function 1 ends inside an add, compare, branch sequence or branches past
 // its end; what follows it in the code traps if it is ever run. main exits 7
 // once the call returns.
-TEST(VmLoop, FunctionEndStopsCompareAndBranch) {
+TEST(ZanbVm, FunctionEndStopsCompareAndBranch) {
   const Insn setup[] = {konst(1, 1), konst(2, 5)};
   const std::vector<std::vector<Insn>> rows[] = {
       {{op(Op_add, 0, 1, 2)}, {op(Op_lt_s, 3, 1, 2), op(Op_jnz, 8, 3), op(Op_trap, 1)}},
@@ -279,7 +279,7 @@ std::vector<uint32_t> tracedPcs(const Prog& p,
 
 // fd_write with no iovecs prints the ring: every instruction so far, the
 // fd_write itself included, kept to ZAN_ZANB_RING_FUNC/_LO/_HI if set.
-TEST(VmTrace, InstructionRing) {
+TEST(ZanbVm, TraceRing) {
   Prog p;
   p.fn(1, {konst(0, 5), call(0, 1, 0)});
   p.fn(16, {konst(10, 1), konst(11, 0x300), konst(13, 0x380), sys(100, 0, 10), sys(100, 0, 10)});
@@ -303,7 +303,7 @@ TEST(VmTrace, InstructionRing) {
 
 // The call and system call traces read argument slots past the frame as 0
 // and guest bytes past memory as '?', without touching the run.
-TEST(VmTrace, CallTraceStaysInBounds) {
+TEST(ZanbVm, CallTraceStaysInBounds) {
   Prog p;
   p.seg(0x100, "hello");
   p.seg(0x300, u32s({0x100, 5, 131070, 4}));
@@ -316,7 +316,7 @@ TEST(VmTrace, CallTraceStaysInBounds) {
   EXPECT_NE(trace.find("len4 'AB?" "?'"), std::string::npos) << trace;
 }
 
-TEST(VmMemory, InitialSizeSegmentsAndGlobals) {
+TEST(ZanbVm, MemorySegmentsAndGlobals) {
   Prog p;
   EXPECT_EQ(eval({}, {op(Op_mem_size, 0)}, p).value, 2u);
   p.header.memMinPages = 3;
