@@ -226,6 +226,7 @@ TEST(ZanbInsn, Branches) {
               B{Op_jnz, 2, 0}, B{Op_jmp, 0, 0}}) {
     EXPECT_EQ(eval({0, r.cond}, {op(r.op, 4, 1), konst(0, 1)}).value, r.want) << hex(r.cond);
   }
+  // const keeps all 64 bits, whatever its type.
   EXPECT_EQ(eval({}, {op(Op_const, 0, 0x12345678, 0x9ABCDEF0, kI32)}).value, 0x9ABCDEF012345678u);
   // A jump straight onto the branch skips the compare: slot 3 stays 0.
   for (uint8_t br : {Op_jz, Op_jnz}) {
