@@ -7,8 +7,10 @@
 // memory, not cache, as in decoding; "model" is one token's products of a
 // Q8_0 llama with dim 1024, 16 layers, ff 2816 and 32000 words (about
 // 250 MB of weights). Each figure is the best of `reps` timed passes after
-// one untimed pass; ratios divide by the streaming figure of the same
-// thread count.
+// one untimed pass. Streaming passes alternate with each case's passes on
+// the same threads, and each ratio divides by the streaming figure timed
+// beside it (strm1/prod1: one thread; strmN/prodN: all threads), since a
+// shared host's memory bandwidth drifts from one second to the next.
 //
 // The "in cache" rows multiply one small matrix over and over: they show
 // how fast the kernels themselves are, the headroom above memory speed.
@@ -23,7 +25,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <random>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -81,33 +85,38 @@ bool haveAvx2() {
   return __builtin_cpu_supports("avx2");
 }
 
-// Best seconds over reps timed calls of fn, after one untimed call.
-template <typename Fn>
-double best(int reps, Fn fn) {
-  fn();
-  double t = 1e30;
-  for (int i = 0; i < reps; ++i) {
-    const auto s = Clock::now();
-    fn();
-    t = std::min(t, std::chrono::duration<double>(Clock::now() - s).count());
-  }
-  return t;
-}
-
 std::atomic<uint64_t> gSink{0};
 
-// GB/s of streaming `buf` on the pool's threads, in 1 MiB pieces.
-double streamGBs(llama::ThreadPool& pool, const Buffer& buf, int reps) {
-  const bool avx2 = haveAvx2();
-  const size_t piece = 1u << 20, pieces = buf.n / piece;
-  const double s = best(reps, [&] {
-    pool.run(pieces, [&](size_t b, size_t e) {
-      const uint8_t* p = buf.p + b * piece;
-      const size_t n = (e - b) * piece;
-      gSink.fetch_add(avx2 ? sumAvx2(p, n) : sumPortable(p, n), std::memory_order_relaxed);
-    });
+// One streaming read of `buf` on the pool's threads, in 1 MiB pieces.
+void streamPass(llama::ThreadPool& pool, const Buffer& buf) {
+  static const bool avx2 = haveAvx2();
+  const size_t piece = 1u << 20;
+  pool.run(buf.n / piece, [&](size_t b, size_t e) {
+    const uint8_t* p = buf.p + b * piece;
+    const size_t n = (e - b) * piece;
+    gSink.fetch_add(avx2 ? sumAvx2(p, n) : sumPortable(p, n), std::memory_order_relaxed);
   });
-  return double(pieces * piece) / s / 1e9;
+}
+
+double seconds(const std::function<void()>& fn) {
+  const auto s = Clock::now();
+  fn();
+  return std::chrono::duration<double>(Clock::now() - s).count();
+}
+
+// Best GB/s of a streaming pass and of `pass` (moving `bytes`), timed in
+// alternation so both see the same machine: memory bandwidth on a shared
+// host drifts from one second to the next.
+std::pair<double, double> sideBySide(llama::ThreadPool& pool, const Buffer& stream, const std::function<void()>& pass,
+                                     size_t bytes, int reps) {
+  streamPass(pool, stream);
+  pass();
+  double ts = 1e30, tp = 1e30;
+  for (int i = 0; i < reps; ++i) {
+    ts = std::min(ts, seconds([&] { streamPass(pool, stream); }));
+    tp = std::min(tp, seconds(pass));
+  }
+  return {double(stream.n) / ts / 1e9, double(bytes) / tp / 1e9};
 }
 
 // Fills one matrix of type t with plausible values (finite, no subnormals).
@@ -206,8 +215,7 @@ Workload model() {
   return w;
 }
 
-void runWorkload(const Workload& w, llama::ThreadPool& one, llama::ThreadPool& all, double stream1, double streamAll,
-                 int reps) {
+void runWorkload(const Workload& w, llama::ThreadPool& one, llama::ThreadPool& all, const Buffer& stream, int reps) {
   Buffer buf(w.bytes);
   std::mt19937 rng(7);
   // Distinct shapes get their own values; repeats of a shape are copies.
@@ -241,10 +249,10 @@ void runWorkload(const Workload& w, llama::ThreadPool& one, llama::ThreadPool& a
       for (size_t i = 0; i < w.shapes.size(); ++i)
         llama::matvec(pool, w.t, buf.p + w.offsets[i], w.shapes[i].rows, w.shapes[i].cols, x.data(), y.data());
   };
-  const double g1 = double(weightBytes) / best(reps, [&] { pass(one); }) / 1e9;
-  const double gAll = double(weightBytes) / best(reps, [&] { pass(all); }) / 1e9;
-  std::printf("%-26s %8.1f %9.2f %6.2f %11.2f %6.2f\n", w.name.c_str(), double(weightBytes) / 1e6, g1, g1 / stream1,
-              gAll, gAll / streamAll);
+  const auto [s1, g1] = sideBySide(one, stream, [&] { pass(one); }, weightBytes, reps);
+  const auto [sAll, gAll] = sideBySide(all, stream, [&] { pass(all); }, weightBytes, reps);
+  std::printf("%-26s %8.1f %6.2f %6.2f %5.2f %6.2f %6.2f %5.2f\n", w.name.c_str(), double(weightBytes) / 1e6, s1, g1,
+              g1 / s1, sAll, gAll, gAll / sAll);
 }
 
 }  // namespace
@@ -263,19 +271,14 @@ int main(int argc, char** argv) {
   llama::ThreadPool one(1), all(0);
   std::printf("kernel path: %s; all threads: %u; best of %d passes\n", llama::kernelPath(), all.size(), reps);
 
-  double stream1, streamAll;
-  {
-    Buffer buf(size_t(1) << 30);
-    for (size_t i = 0; i < buf.n; i += 8) {
-      const uint64_t v = i * 0x9e3779b97f4a7c15ull;
-      std::memcpy(buf.p + i, &v, 8);
-    }
-    stream1 = streamGBs(one, buf, reps);
-    streamAll = streamGBs(all, buf, reps);
+  Buffer stream(size_t(1) << 30);
+  for (size_t i = 0; i < stream.n; i += 8) {
+    const uint64_t v = i * 0x9e3779b97f4a7c15ull;
+    std::memcpy(stream.p + i, &v, 8);
   }
-  std::printf("%-26s %8s %9s %6s %11s %6s\n", "case", "MB/pass", "GB/s 1thr", "ratio", "GB/s all", "ratio");
-  std::printf("%-26s %8.1f %9.2f %6.2f %11.2f %6.2f\n", "stream read (reference)", 1073.7, stream1, 1.0, streamAll,
-              1.0);
+  std::printf("GB/s: weight bytes of the products, and of a streaming read of 1 GiB timed in alternation with them\n");
+  std::printf("%-26s %8s %6s %6s %5s %6s %6s %5s\n", "case", "MB/pass", "strm1", "prod1", "ratio", "strmN", "prodN",
+              "ratio");
 
   const Workload cases[] = {
       square("Q8_0 4096x4096", llama::kQ8_0, 4096, 4096), square("Q4_0 4096x4096", llama::kQ4_0, 4096, 4096),
@@ -289,7 +292,7 @@ int main(int argc, char** argv) {
       cached("F32 in cache 64x1024", llama::kF32, 64, 1024, 2000),
   };
   for (const Workload& w : cases)
-    if (only.empty() || w.name.find(only) != std::string::npos) runWorkload(w, one, all, stream1, streamAll, reps);
+    if (only.empty() || w.name.find(only) != std::string::npos) runWorkload(w, one, all, stream, reps);
   std::printf("(sink %llu)\n", (unsigned long long)(gSink.load() & 1));
   return 0;
 }
