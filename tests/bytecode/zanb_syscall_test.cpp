@@ -59,10 +59,12 @@ TEST(ZanbSyscall, WriteLengthsAndStreams) {
               // Length 0: up to the terminator, 4096 bytes at most; from address 0 nothing.
               {1, {1, 0x100, 0}, 5, "", "", "hello"}, {1, {1, 0, 0}, 0},
               {1, {1, 0x1000, 0}, 4096, "", "", std::string(4096, 'a')},
-              {1, {1, 131070, 0}, 2, "", "", "ab"},
               // A bad range is no failure of write.
               {1, {1, 131070, 10}, 10}, {1, {1, 0x30000, 4}, 4}},
              p, 0, 0);
+  // The scan stops at the end of memory and leaves no fault: the load behind passes.
+  runSysRows({{1, {1, 131070, 0}, 2, "", "", "ab"}, {1, {1, 131072, 0}, 0}}, p, 0, 0, {},
+             {op(Op_load, 5, 6, 0, kI32)});
 }
 
 // The fault of a bad write stays: stores, bulk operations, other system calls
