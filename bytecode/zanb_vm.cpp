@@ -97,6 +97,10 @@ bool Vm::load(const uint8_t* bytes, uint64_t size, const VmConfig& config, std::
       err = "zanb: data segment extends memory beyond what can be allocated";
       return false;
     }
+    if (reach > config.memLimit) {
+      err = "zanb: data segment extends memory beyond the configured limit";
+      return false;
+    }
     if (reach > m.memory.size() && !m.memory.resize(reach)) {
       err = "zanb: data segment extends memory beyond what can be allocated";
       return false;

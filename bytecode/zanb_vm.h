@@ -20,6 +20,8 @@ struct VmConfig {
   std::vector<std::string> env;
   std::function<void(const uint8_t*, uint64_t)> onStdout;  // empty: fwrite to stdout
   std::function<void(const uint8_t*, uint64_t)> onStderr;  // empty: fwrite to stderr
+  // Bytes guest memory may reach: the initial pages, the data segments and
+  // mem_grow all stay within it.
   uint64_t memLimit = 0x100000000ull;
   uint32_t stepLimit = 0;  // 0 = no limit
 };

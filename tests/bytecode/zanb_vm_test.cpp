@@ -45,6 +45,8 @@ TEST(ZanbVm, DeepRecursion) {
 TEST(ZanbVm, EntryAndLoadFailures) {
   const char* lim = "zanb: initial memory exceeds the configured limit";
   const char* range = "zanb: entry function out of range";
+  const char* cap = "zanb: data segment extends memory beyond what can be allocated";
+  const char* segLim = "zanb: data segment extends memory beyond the configured limit";
   const uint64_t k4G = 0x100000000;
   struct Row {
     const char* what;
@@ -63,9 +65,11 @@ TEST(ZanbVm, EntryAndLoadFailures) {
       {"limit below explicit pages", 1, 0, 0, 3, 196607, 0, lim},
       {"pages past the default limit", 1, 0, 0, 65537, k4G, 0, lim},
       {"pages * 65536 wrapping to 0", 1, 0, 0, 1ull << 48, k4G, 0, lim},
-      {"segments ignore the limit", 1, 0, 0, 0, 131072, 200000, ""},
-      {"segment end past 2^64", 1, 0, 0, 0, k4G, ~0ull,
-       "zanb: data segment extends memory beyond what can be allocated"}};
+      {"segment up to the limit", 1, 0, 0, 0, 196608, 196606, ""},
+      {"segment past the limit", 1, 0, 0, 0, 196607, 196606, segLim},
+      {"segment at 8 GiB, 1 MiB limit", 1, 0, 0, 0, 1 << 20, 8ull << 30, segLim},
+      {"segment end past 2^64", 1, 0, 0, 0, k4G, ~0ull, cap},
+      {"segment past 16 GiB, no limit", 1, 0, 0, 0, ~0ull, (1ull << 34) - 1, cap}};
   for (const Row& r : rows) {
     Prog p;
     p.header.entry = r.entry;
