@@ -86,7 +86,24 @@ def main():
         rc, out, err = zan("bench", model, "--tokens", "5000", "--runs", "1", "-c", "64")
         check(rc == 0 and err.endswith("zan: bench failed (3)\n"), f"{t}: bench beyond the context: {err!r}")
 
-    # A model container of another architecture is not claimed.
+    # A container whose tensor index lost a tensor (the index isn't under the
+    # header checksum, so the file still opens): create says what is missing.
+    data = bytearray(open(os.path.join(opts.work, "llama.zan"), "rb").read())
+    at = data.find(b"token_embd.weight\0")
+    check(at > 0, "no token_embd.weight record in the container")
+    data[at + 16:at + 17] = b"X"
+    broken = os.path.join(opts.work, "broken.zan")
+    open(broken, "wb").write(bytes(data))
+    rc, out, err = zan("run", broken, "-p", "hi")
+    check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
+          "missing tensor token_embd.weight\n", f"broken model: {rc} {err!r}")
+    # Another architecture is not claimed at all.
+    other = data.replace(b"\x05\x00\x00\x00llama", b"\x05\x00\x00\x00gemma", 1)
+    open(broken, "wb").write(bytes(other))
+    rc, out, err = zan("run", broken, "-p", "hi")
+    check(rc == 2 and err == f"runtime unavailable for {broken} (no runtime plugin matched)\n",
+          f"another architecture: {rc} {err!r}")
+
     rc, out, err = zan("info", os.path.join(opts.work, "llama.zan"))
     check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out.decode(), f"info: {out!r} {err}")
     for f in failures:
