@@ -16,16 +16,13 @@ file, and checks:
     sizes and offsets a llama model of that shape must have, the model keys'
     values, and the tokenizer arrays read in full (unique tokens, token
     types, special ids, merges made of tokens, byte tokens);
-  * for small models, every tensor's bytes against a reference written here
-    from the generator's definition and ggml's reference quantisers, with
-    padding included, and the file size.
+  * the file size.
 
 One "ok NAME" or "FAIL NAME: ..." line per configuration; the exit code is 1
 when any failed, or when node or npm is missing or the install fails.
 """
 
 import argparse
-import array
 import json
 import math
 import os
@@ -46,30 +43,30 @@ RUN_TIMEOUT = 120
 DEFAULTS = dict(version=3, type="f32", dim=64, layers=2, ff=160, heads=4, kv_heads=2, vocab=96, ctx=256,
                 seed=1, tokenizer="llama", tied=False, bad_type=False, alignment=32, test_keys=True)
 
-# (name, settings, check tensor bytes)
+# (name, settings)
 CONFIGS = [
-    ("v3 f32 llama", dict(), True),
-    ("v3 f16 llama tied", dict(type="f16", tied=True, seed=2), True),
-    ("v3 bf16 gpt2", dict(type="bf16", tokenizer="gpt2", seed=3), True),
-    ("v3 q8_0 llama", dict(type="q8_0", seed=4), True),
-    ("v3 q4_0 gpt2 tied", dict(type="q4_0", tokenizer="gpt2", tied=True, seed=5), True),
-    ("v2 f32 gpt2 tied", dict(version=2, tokenizer="gpt2", tied=True, seed=6), True),
-    ("v2 f16 gpt2", dict(version=2, type="f16", tokenizer="gpt2", seed=7), True),
-    ("v2 bf16 llama tied", dict(version=2, type="bf16", tied=True, seed=8), True),
-    ("v2 q8_0 gpt2", dict(version=2, type="q8_0", tokenizer="gpt2", seed=9), True),
-    ("v2 q4_0 llama", dict(version=2, type="q4_0", seed=10), True),
+    ("v3 f32 llama", dict()),
+    ("v3 f16 llama tied", dict(type="f16", tied=True, seed=2)),
+    ("v3 bf16 gpt2", dict(type="bf16", tokenizer="gpt2", seed=3)),
+    ("v3 q8_0 llama", dict(type="q8_0", seed=4)),
+    ("v3 q4_0 gpt2 tied", dict(type="q4_0", tokenizer="gpt2", tied=True, seed=5)),
+    ("v2 f32 gpt2 tied", dict(version=2, tokenizer="gpt2", tied=True, seed=6)),
+    ("v2 f16 gpt2", dict(version=2, type="f16", tokenizer="gpt2", seed=7)),
+    ("v2 bf16 llama tied", dict(version=2, type="bf16", tied=True, seed=8)),
+    ("v2 q8_0 gpt2", dict(version=2, type="q8_0", tokenizer="gpt2", seed=9)),
+    ("v2 q4_0 llama", dict(version=2, type="q4_0", seed=10)),
     ("v3 q8_0 llama byte tokens, 6 heads, alignment 64",
-     dict(type="q8_0", vocab=600, dim=96, heads=6, kv_heads=3, ff=256, layers=1, alignment=64, seed=11), True),
+     dict(type="q8_0", vocab=600, dim=96, heads=6, kv_heads=3, ff=256, layers=1, alignment=64, seed=11)),
     ("v3 q4_0 gpt2 byte-level base, tied",
-     dict(type="q4_0", tokenizer="gpt2", vocab=600, layers=1, tied=True, seed=12), True),
+     dict(type="q4_0", tokenizer="gpt2", vocab=600, layers=1, tied=True, seed=12)),
     ("v3 f16 llama, sizes off the alignment (dim 36, ff 50)",
-     dict(type="f16", dim=36, ff=50, heads=4, kv_heads=1, seed=17), True),
-    ("v3 f16 q4_1 tensor (--bad-type)", dict(type="f16", bad_type=True, seed=13), True),
-    ("v2 q8_0 llama without test keys", dict(version=2, type="q8_0", test_keys=False, seed=14), True),
+     dict(type="f16", dim=36, ff=50, heads=4, kv_heads=1, seed=17)),
+    ("v3 f16 q4_1 tensor (--bad-type)", dict(type="f16", bad_type=True, seed=13)),
+    ("v2 q8_0 llama without test keys", dict(version=2, type="q8_0", test_keys=False, seed=14)),
     ("v3 q8_0 gpt2 200000 tokens (header over several reader chunks)",
-     dict(type="q8_0", tokenizer="gpt2", vocab=200000, dim=32, ff=32, heads=2, kv_heads=1, layers=1, seed=15), False),
+     dict(type="q8_0", tokenizer="gpt2", vocab=200000, dim=32, ff=32, heads=2, kv_heads=1, layers=1, seed=15)),
     ("v3 q4_0 llama 40000 tokens",
-     dict(type="q4_0", vocab=40000, dim=32, ff=64, heads=1, kv_heads=1, layers=1, seed=16), False),
+     dict(type="q4_0", vocab=40000, dim=32, ff=64, heads=1, kv_heads=1, layers=1, seed=16)),
 ]
 
 # ---------------------------------------------------------------- ggml facts
@@ -83,25 +80,30 @@ def align(x, a):
     return (x + a - 1) // a * a
 
 
+def f32(x):
+    """x rounded to the nearest binary32 value."""
+    return struct.unpack("<f", struct.pack("<f", x))[0]
+
+
 def expected_tensors(c):
-    """(name, dims, type id, is norm) in file order, for settings c."""
+    """(name, dims, type id) in file order, for settings c."""
     wt = TYPE_IDS[c["type"]]
     kv_dim = c["dim"] // c["heads"] * c["kv_heads"]
-    out = [("token_embd.weight", [c["dim"], c["vocab"]], wt, False),
-           ("output_norm.weight", [c["dim"]], 0, True)]
+    out = [("token_embd.weight", [c["dim"], c["vocab"]], wt),
+           ("output_norm.weight", [c["dim"]], 0)]
     if not c["tied"]:
-        out.append(("output.weight", [c["dim"], c["vocab"]], wt, False))
+        out.append(("output.weight", [c["dim"], c["vocab"]], wt))
     for layer in range(c["layers"]):
         p = "blk.%d." % layer
-        out += [(p + "attn_norm.weight", [c["dim"]], 0, True),
-                (p + "attn_q.weight", [c["dim"], c["dim"]], 3 if c["bad_type"] and layer == 0 else wt, False),
-                (p + "attn_k.weight", [c["dim"], kv_dim], wt, False),
-                (p + "attn_v.weight", [c["dim"], kv_dim], wt, False),
-                (p + "attn_output.weight", [c["dim"], c["dim"]], wt, False),
-                (p + "ffn_norm.weight", [c["dim"]], 0, True),
-                (p + "ffn_gate.weight", [c["dim"], c["ff"]], wt, False),
-                (p + "ffn_up.weight", [c["dim"], c["ff"]], wt, False),
-                (p + "ffn_down.weight", [c["ff"], c["dim"]], wt, False)]
+        out += [(p + "attn_norm.weight", [c["dim"]], 0),
+                (p + "attn_q.weight", [c["dim"], c["dim"]], 3 if c["bad_type"] and layer == 0 else wt),
+                (p + "attn_k.weight", [c["dim"], kv_dim], wt),
+                (p + "attn_v.weight", [c["dim"], kv_dim], wt),
+                (p + "attn_output.weight", [c["dim"], c["dim"]], wt),
+                (p + "ffn_norm.weight", [c["dim"]], 0),
+                (p + "ffn_gate.weight", [c["dim"], c["ff"]], wt),
+                (p + "ffn_up.weight", [c["dim"], c["ff"]], wt),
+                (p + "ffn_down.weight", [c["ff"], c["dim"]], wt)]
     return out
 
 
@@ -111,92 +113,6 @@ def nbytes(dims, type_id):
     for d in dims[1:]:
         rows *= d
     return rows * (dims[0] // elems) * size
-
-
-# ---------------------------------------------------------------- reference data
-
-M64 = (1 << 64) - 1
-SUM_STD = 37837.2269
-WEIGHT_SCALE = 0.02 / SUM_STD
-NORM_SCALE = 0.05 / SUM_STD
-
-
-def mix64(z):
-    z &= M64
-    z = ((z ^ (z >> 30)) * 0xBF58476D1CE4E5B9) & M64
-    z = ((z ^ (z >> 27)) * 0x94D049BB133111EB) & M64
-    return z ^ (z >> 31)
-
-
-def reference_values(seed, index, n, norm):
-    """The generator's n values for tensor number index, as float32."""
-    s = mix64(seed + (index + 1) * 0x9E3779B97F4A7C15) or 1
-    out = []
-    for _ in range(n):
-        s ^= s >> 12
-        s ^= (s << 25) & M64
-        s ^= s >> 27
-        r = (s * 0x2545F4914F6CDD1D) & M64
-        c = float((r & 0xFFFF) + ((r >> 16) & 0xFFFF) + ((r >> 32) & 0xFFFF) + (r >> 48) - 131070)
-        out.append(1.0 + c * NORM_SCALE if norm else c * WEIGHT_SCALE)
-    return array.array("f", out)  # one rounding from double to float each
-
-
-def f32(x):
-    return struct.unpack("<f", struct.pack("<f", x))[0]
-
-
-def f32s(values):
-    return array.array("f", values).tolist()
-
-
-def f16(x):
-    return struct.pack("<e", x)  # round to nearest even
-
-
-def round_half_away(x):
-    r = math.floor(abs(x) + 0.5)
-    return r if x >= 0 else -r
-
-
-def encode(type_id, xs):
-    """ggml's encoding of the float32 values xs (an array.array("f"))."""
-    if type_id == 0:
-        return xs.tobytes()
-    if type_id == 1:
-        return struct.pack("<%de" % len(xs), *xs)
-    if type_id == 30:
-        bits = array.array("I", xs.tobytes())
-        return struct.pack("<%dH" % len(bits), *[((b + 0x7FFF + ((b >> 16) & 1)) >> 16) & 0xFFFF for b in bits])
-    out = bytearray()
-    vals = xs.tolist()
-    for b in range(0, len(vals), 32):
-        v = vals[b:b + 32]
-        if type_id == 8:  # Q8_0: d = max|x| / 127, q = round(x / d)
-            d = f32(max(abs(x) for x in v) / 127.0)
-            inv = f32(1.0 / d) if d else 0.0
-            out += f16(d)
-            out += bytes(round_half_away(q) & 0xFF for q in f32s([x * inv for x in v]))
-        elif type_id == 2:  # Q4_0: d = (signed max) / -8, q = min(15, trunc(x / d + 8.5))
-            amax, mx = 0.0, 0.0
-            for x in v:
-                if amax < abs(x):
-                    amax, mx = abs(x), x
-            d = f32(mx / -8.0)
-            inv = f32(1.0 / d) if d else 0.0
-            q = [min(15, int(y)) for y in f32s([x + 8.5 for x in f32s([x * inv for x in v])])]
-            out += f16(d)
-            out += bytes(q[j] | (q[j + 16] << 4) for j in range(16))
-        elif type_id == 3:  # Q4_1: d = (max - min) / 15, m = min, q = min(15, trunc((x - m) / d + 0.5))
-            mn, mx = min(v), max(v)
-            d = f32(f32(mx - mn) / 15.0)
-            inv = f32(1.0 / d) if d else 0.0
-            q = [min(15, int(y)) for y in f32s([x + 0.5 for x in f32s([x * inv for x in f32s([x - mn for x in v])])])]
-            out += f16(d) + f16(mn)
-            out += bytes(q[j] | (q[j + 16] << 4) for j in range(16))
-        else:
-            raise ValueError("no reference encoding for type %d" % type_id)
-    return bytes(out)
 
 
 # ---------------------------------------------------------------- checks
@@ -280,7 +196,7 @@ def check_model(errs, c, expect, got, file_size):
     tensors = expected_tensors(c)
     errs.check([t["name"] for t in got["tensors"]] == [t[0] for t in tensors], "tensor names or order differ from the model")
     offset = 0
-    for (name, dims, type_id, _), have, listed in zip(tensors, got["tensors"], expect["tensors"]):
+    for (name, dims, type_id), have, listed in zip(tensors, got["tensors"], expect["tensors"]):
         errs.check(have["type_id"] == type_id, "%s: type %s, the model wants %d" % (name, have["type_id"], type_id))
         errs.check([int(d) for d in have["shape"]] == dims, "%s: shape %s, the model wants %s" % (name, have["shape"], dims))
         errs.check(int(have["offset"]) == offset, "%s: offset %s, the model wants %d" % (name, have["offset"], offset))
@@ -291,7 +207,7 @@ def check_model(errs, c, expect, got, file_size):
     errs.check(data_offset % c["alignment"] == 0, "data offset %d not aligned to %d" % (data_offset, c["alignment"]))
     errs.check(file_size == data_offset + offset, "file size %d, expected %d (data at %d, %d bytes of padded tensors)"
                % (file_size, data_offset + offset, data_offset, offset))
-    params = sum(math.prod(dims) for _, dims, _, _ in tensors)
+    params = sum(math.prod(dims) for _, dims, _ in tensors)
     errs.check(got["parameter_count"] == params, "parameter count %s, expected %d" % (got["parameter_count"], params))
 
     meta = {m["key"]: m for m in got["metadata"]}
@@ -390,23 +306,6 @@ def check_tokenizer(errs, c, meta):
                     break
 
 
-def check_data(errs, c, expect, path):
-    with open(path, "rb") as f:
-        blob = f.read()
-    base = expect["data_offset"]
-    for index, (name, dims, type_id, norm) in enumerate(expected_tensors(c)):
-        listed = expect["tensors"][index]
-        start = base + listed["offset"]
-        size = nbytes(dims, type_id)
-        want = encode(type_id, reference_values(c["seed"], index, math.prod(dims), norm))
-        got = blob[start:start + size]
-        if not errs.check(got == want, "%s: tensor bytes differ from the reference (first at byte %s)"
-                          % (name, next((i for i, (a, b) in enumerate(zip(got, want)) if a != b), min(len(got), len(want))))):
-            continue
-        pad = blob[start + size:start + align(size, c["alignment"])]
-        errs.check(len(pad) == align(size, c["alignment"]) - size and not any(pad), "%s: padding missing or not zero" % name)
-
-
 # ---------------------------------------------------------------- running
 
 def gen_args(c, out, expect):
@@ -423,7 +322,7 @@ def gen_args(c, out, expect):
     return a
 
 
-def run_config(args, tmp, settings, data):
+def run_config(args, tmp, settings):
     c = dict(DEFAULTS, **settings)
     errs = Errors()
     path = os.path.join(tmp, "model.gguf")
@@ -443,8 +342,6 @@ def run_config(args, tmp, settings, data):
     errs.check(expect["version"] == c["version"] and expect["alignment"] == c["alignment"], "--expect header fields")
     check_against_expect(errs, expect, got)
     check_model(errs, c, expect, got, file_size)
-    if data:
-        check_data(errs, c, expect, path)
     os.remove(path)
     return errs
 
@@ -540,8 +437,7 @@ def main():
     failed = 0
     with tempfile.TemporaryDirectory(prefix="zan-gguf-") as tmp:
         results = [("gguf_gen refusals and write errors", lambda: run_usage_errors(args, tmp))]
-        results += [(name, lambda s=settings, d=data: run_config(args, tmp, s, d))
-                    for name, settings, data in CONFIGS]
+        results += [(name, lambda s=settings: run_config(args, tmp, s)) for name, settings in CONFIGS]
         for name, run in results:
             errs = run()
             if errs:
