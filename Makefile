@@ -44,13 +44,13 @@ install: deps
 	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf
 	cmake --install $(RELEASE) --prefix $(PREFIX)
 
-# libFuzzer runs of the JSON reader and the container reader, FUZZ_TIME
-# seconds each.
+# libFuzzer runs of the JSON, ZAN2, GGUF and app container readers,
+# FUZZ_TIME seconds each.
 fuzz: deps
 	@scripts/install-deps clang libclang-rt-14-dev
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZAN_FUZZ=ON \
 	  -DZAN_TESTS=OFF -DZAN_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(FUZZ) -j $(JOBS) --target json_fuzz zan2_fuzz zan2_seeds
+	cmake --build $(FUZZ) -j $(JOBS) --target json_fuzz zan2_fuzz gguf_fuzz app_fuzz zan2_seeds gguf_gen
 	@scripts/fuzz $(FUZZ) $(FUZZ_TIME)
 
 clean:

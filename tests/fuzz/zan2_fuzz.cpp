@@ -36,7 +36,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   tov::TokenizerData tok;
   r.readTokenizer(tok);
-  static volatile uint8_t keep;
-  keep = sink;
+  asm volatile("" : : "g"(sink));  // keeps the reads
   return 0;
 }

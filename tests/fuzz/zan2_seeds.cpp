@@ -1,12 +1,14 @@
-// Writes a few model containers into a directory, the ZAN2 fuzzer's seeds.
+// Writes a few model containers into a directory, the ZAN2 fuzzer's seeds,
+// and with a second directory a few app containers, the app fuzzer's.
 #include <cstdio>
 #include <string>
 
 #include "container/zan2_writer.h"
+#include "container/zan_app.h"
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fputs("usage: zan2_seeds <dir>\n", stderr);
+  if (argc != 2 && argc != 3) {
+    std::fputs("usage: zan2_seeds <zan2-dir> [<app-dir>]\n", stderr);
     return 2;
   }
   static const char kBytes[1024] = {1, 2, 3};
@@ -39,6 +41,18 @@ int main(int argc, char** argv) {
     }
     const std::string path = std::string(argv[1]) + "/seed" + std::to_string(n) + ".zan";
     if (!w.write(path.c_str(), err)) {
+      std::fprintf(stderr, "zan2_seeds: %s\n", err.c_str());
+      return 1;
+    }
+  }
+  for (int n = 0; argc == 3 && n < 2; ++n) {
+    tov::zanapp::PackOptions o;
+    o.name = "seed";
+    o.extra = n ? "\"icon\":\"a.png\"" : "";
+    std::vector<tov::zanapp::File> files = {{"main.zana", "func 0 main slots=1\nret\n", 0644},
+                                            {"lib/a b.txt", std::string(40 * n, 'x'), 0755}};
+    std::string err;
+    if (!tov::zanapp::pack(std::string(argv[2]) + "/app" + std::to_string(n) + ".zan", o, files, err)) {
       std::fprintf(stderr, "zan2_seeds: %s\n", err.c_str());
       return 1;
     }
