@@ -41,6 +41,15 @@ int cmdPackApp(int argc, char** argv);
 int cmdAppInfo(int argc, char** argv);
 int cmdPackApk(int argc, char** argv);
 int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg);
+// `zan store`: finds the store in its several forms and starts it.
+int cmdStore(int argc, char** argv);
+// The directory of the running executable without a trailing separator:
+// "." for a bare name, "" when the path cannot be read.
+std::string exeDirOf();
+// The full path of the first launchable file in `dir` in directory order (a
+// regular file with an execute bit, named without a "." or ending in ".sh",
+// not ".so"), or "".
+std::string findExecutableIn(const std::string& dir);
 // The model route of `run`: flags, then the plugin driver.
 int cmdRunModel(int argc, char** argv);
 

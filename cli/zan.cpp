@@ -79,7 +79,7 @@ const Command kCommands[] = {
     {{"bench"}, cmdBench, Loads::InHandler},
     {{"info"}, cmdInfo, Loads::Yes},
     {{"type"}, cmdType, Loads::No},
-    {{"store"}, nullptr, Loads::No},
+    {{"store"}, cmdStore, Loads::No},
     {{"pack"}, cmdPackApp, Loads::No},
     {{"appinfo"}, cmdAppInfo, Loads::No},
     {{"pack-apk"}, cmdPackApk, Loads::No},
