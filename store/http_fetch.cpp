@@ -98,8 +98,16 @@ bool runCommand(const std::vector<std::string>& argv, std::string& out, std::str
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
+  // The command gets the usual signal mask back, SIGPIPE included.
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t empty;
+  sigemptyset(&empty);
+  posix_spawnattr_setsigmask(&attr, &empty);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
   pid_t pid;
-  const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
+  const int rc = posix_spawnp(&pid, args[0], &fa, &attr, args.data(), environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&fa);
   close(fds[1]);
   if (rc != 0) {
