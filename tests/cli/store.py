@@ -1,13 +1,8 @@
 #!/usr/bin/env python3
 """`zan store` through every form of the store:  store.py ZAN ZANA2ZANB ECHO.zana
-
-Each case lays out a fresh tree, runs zan from <tmp>/build/bin (so <tmp> is
-the repository root) with HOME <tmp>/home in <tmp>/cwd, and compares stdout,
-stderr and the exit code; no file may change outside the allowed paths. The
-bytecode store is examples/echo.zana (prints its arguments, exits with their
-count). A native store is a script printing its arguments and directory:
-zan doesn't wait for it, but reading zan's stdout to its end does.
-"""
+zan runs from <tmp>/build/bin (so <tmp> is the repository root), HOME <tmp>/home, in <tmp>/cwd. The
+bytecode store is echo.zana; a native store is a script zan doesn't wait for, but reading zan's
+stdout to its end does."""
 import os, shutil, subprocess, sys, tempfile
 
 STORE = '#!/bin/sh\necho "$(basename "$0") args:$# cwd:$(pwd)"\n'
@@ -36,11 +31,9 @@ PACK_GONE = "zan store: extract failed (@T/build/bin/zan_flutter_pack not usable
 CASES = [
     ("usage", {}, ["-h"], {}, USAGE, "", 0),
     ("no value", {}, ["--zanb"], {}, "", "zan store: unknown option '--zanb'\n", 2),
+    ("later --zanb wins", {"cwd/s.zanb": "zanb", "cwd/e.zan": "zan"}, ["--zanb", "e.zan", "--zanb", "s.zanb"],
+     {"ZAN_STORE_ZANB": "e.zan"}, "zan store: running s.zanb\n--zanb\ne.zan\n--zanb\ns.zanb\n", "", 4),
     ("bad word", {}, ["--zan", "a", "-x"], {}, "", "zan store: unknown option '-x'\n", 2),
-    ("--zanb wins", {"cwd/s.zanb": "zanb", "cwd/e.zan": "zan"}, ["--zanb", "s.zanb"], {"ZAN_STORE_ZANB": "e.zan"},
-     "zan store: running s.zanb\n--zanb\ns.zanb\n", "", 2),
-    ("later pair", {"cwd/b.zan": "zan"}, ["--zanb", "a", "--zanb", "b.zan"], {}, "zan store: running b.zan\n"
-     "--zanb\na\n--zanb\nb.zan\n", "", 4),
     ("ZAN_STORE_ZANB", {"cwd/e.zan": "zan", BIN + "store.zan": "zan"}, [], {"ZAN_STORE_ZANB": "e.zan"},
      "zan store: running e.zan\n", "", 0),
     ("missing, dir, dangling link pass over", {"cwd/d.zan": "dir", "cwd/l.zan": "link:no", BIN + "store.zan": "zan"},
