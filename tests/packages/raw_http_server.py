@@ -72,7 +72,7 @@ def handle(conn, opts):
                 conn.sendall(piece)
                 time.sleep(0.05)  # lets each piece leave as its own segment
         elif path.startswith("/file/"):
-            with open(os.path.join(opts.root, path[len("/file/"):]), "rb") as f:
+            with open(os.path.join(opts.root, path[len("/file/"):].split("?")[0]), "rb") as f:
                 body = f.read()
             if opts.stall_at is None:
                 conn.sendall(reply(b"200 OK", body, len(body)))
