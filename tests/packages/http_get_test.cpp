@@ -41,7 +41,7 @@ TEST(HttpGet, PlainRepliesGoodAndHostile) {
     EXPECT_TRUE(!ok || out == body) << path;
     EXPECT_EQ(seen.empty() ? SIZE_MAX : seen.back().second, total) << path;
   }
-  std::string out;
+  std::string out;  // the request, byte for byte
   ASSERT_TRUE(tov::httpGetAny(srv.base() + "/echo?b=1&c=%20", out));
   EXPECT_EQ(out, "GET /echo?b=1&c=%20 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(srv.port) +
                      "\r\nConnection: close\r\n\r\n");
@@ -54,12 +54,11 @@ TEST(HttpGet, PlainRepliesGoodAndHostile) {
 
 TEST(HttpGet, ProgressLine) {
   char bar[21];
-  tov::renderBar(bar, 4);
-  EXPECT_STREQ(bar, "....................");
-  tov::renderBar(bar, 99);
-  EXPECT_STREQ(bar, "###################.");
-  tov::renderBar(bar, 250);
-  EXPECT_STREQ(bar, "####################");
+  for (auto [pct, want] : {std::pair{size_t(4), "...................."}, {99, "###################."},
+                           {250, "####################"}}) {
+    tov::renderBar(bar, pct);
+    EXPECT_STREQ(bar, want);
+  }
   const std::string path = testTempDir() + "progress.txt";
   std::fflush(stdout);
   const int saved = dup(1);
