@@ -50,7 +50,7 @@ def main():
     # A repo: a plugin in a subdirectory, a file with no size (always
     # extracted), a file that is the manifest itself, and a config file.
     repo1 = {"kind": "repo", "version": "2.0", "configs": [{"name": "p.conf", "section": 3}],
-             "plugins": [{"name": "p", "desc": "d", "files": [{"name": "libzan_p.so", "section": 1, "bytes": 3},
+             "plugins": [{"name": "p", "desc": "d\n\"\\", "files": [{"name": "libzan_p.so", "section": 1, "bytes": 3},
                                                               {"name": "sub/p.dat", "section": 2}]},
                          {"name": "q", "version": "1", "files": [{"name": "zan_q.so", "section": 0}]}]}
     put("r.zan", container(5, repo1, [b"PPP", b"data", b"conf=1"]))
@@ -59,8 +59,10 @@ def main():
     check((rc, err, out) == (0, "", "zan: sources.list initialized (%s/.zan/sources.list)\n" % home +
           "installed p 2.0 (from r.zan)\ninstalled q 1 (from r.zan)\nconfig p.conf -> %s/.zan/p.conf\n" % home +
           "zan: r.zan: 2 installed/updated, 0 failed (container repo)\n"), f"repo install {rc} {out!r} {err!r}")
-    check(state() == [("p", "2.0", origin, ["libzan_p.so", "sub/p.dat"]), ("q", "1", origin, ["zan_q.so"])],
-          f"repo state {state()}")
+    text = open(os.path.join(home, ".zan/installed.json")).read()
+    check(text == '{\n  "plugins": [\n    {"name":"p","version":"2.0","origin":"%s","desc":"d\\u000a\\"\\\\",'
+          '"files":["libzan_p.so","sub/p.dat"]},\n    {"name":"q","version":"1","origin":"%s","desc":"",'
+          '"files":["zan_q.so"]}\n  ]\n}\n' % (origin, origin), f"state text {text!r}")
     check(read("sub/p.dat") == b"data" and read("zan_q.so") == json.dumps(repo1).encode(), "repo files")
 
     # Same size on disk: left alone without --force, replaced with it.
