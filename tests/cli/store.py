@@ -47,6 +47,8 @@ CASES = [
      "", 0),
     ("truncated", {"cwd/t.zan": "cut"}, ["--zanb", "t.zan"], {}, "zan store: running t.zan\n",
      "zan run: t.zan: truncated section table\n", 1),
+    ("not a container", {"cwd/t.zan": "text:hello"}, ["--zanb", "t.zan"], {}, "zan store: running t.zan\n",
+     "zan run: t.zan: cannot read t.zan\n", 1),
     ("container before ZAN_STORE_APP", {BASE + ".zan": "old", BIN + "zan_flutter_pack": "pack"}, [],
      {"ZAN_STORE_APP": "/bin/false"}, "pack 3: extract @T/" + BASE + ".zan @T/" + BASE + EXTRACTED, "", 0, [BASE]),
     ("newer extraction kept", {BASE + ".zan": "old", BASE + "/zan-store": "sh"}, [], {},

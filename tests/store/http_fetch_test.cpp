@@ -1,10 +1,11 @@
-// HttpFetcher against real servers on 127.0.0.1: the catalog over a python
-// http.server holding store.json files, a server that stalls mid-body, and
-// the file and command jobs.
+// HttpFetcher against real servers on 127.0.0.1: the catalog (and file and
+// command jobs beside it) over a python http.server holding store.json
+// files, and a server that stalls mid-body.
 #include "store/http_fetch.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -12,7 +13,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "store/zan_catalog.h"
@@ -30,8 +30,7 @@ const char kStaticServer[] =
     "print('READY', s.server_address[1], flush=True)\ns.serve_forever()\n";
 
 void put(const std::string& path, const std::string& text) {
-  for (size_t at = path.find('/', 1); at != std::string::npos; at = path.find('/', at + 1))
-    mkdir(path.substr(0, at).c_str(), 0755);
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   std::ofstream(path, std::ios::binary) << text;
 }
 
@@ -41,7 +40,7 @@ bool pumpUntil(HttpFetcher& f, const std::function<bool()>& done, const std::fun
   return done();
 }
 
-TEST(HttpFetcher, CatalogOverStaticServer) {
+TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
   const std::string root = testTempDir() + "idx/";
   put(root + "good/store.json", R"({"apps":[{"id":"a","package":"/a.zan"},{"name":"B","version":"2.1"}]})");
   put(root + "gh/repos/o/r/contents/store.json", R"({"apps":[{"id":"g"}]})");
@@ -60,7 +59,13 @@ TEST(HttpFetcher, CatalogOverStaticServer) {
   tov::catalog::Catalog c([&] { return std::unique_ptr<tov::fetch::Fetcher>(f = new HttpFetcher); });
   for (const char* d : {"good", "empty", "notjson", "fields", "many", "missing"}) c.load(srv.base() + "/" + d);
   EXPECT_EQ(c.state(1), 0);  // all six in flight at once
-  const auto allDone = [&] { for (int j = 1; j <= 6; ++j) if (c.state(j) == 0) return false; return true; };
+  const std::string data("ab\0cd", 5), out = root + "out.bin";
+  put(root + "a.bin", data);
+  const int file = f->start(srv.base() + "/a.bin", out);
+  const int cmd = f->startCommand({"sh", "-c", "printf 'hi there'"}), bad = f->startCommand({"false"});
+  EXPECT_TRUE(f->owns(out));
+  // The worker runs jobs in order, so `bad` ends last.
+  const auto allDone = [&] { for (int j = 1; j <= 6; ++j) if (c.state(j) == 0) return false; return f->state(bad) != 0; };
   ASSERT_TRUE(pumpUntil(*f, allDone, [&] { c.pump(); }));
   for (const char* v : {"ZAN_GITHUB_API", "ZAN_STORE_REPOS", "ZAN_STORE_URL"}) unsetenv(v);
 
@@ -75,6 +80,14 @@ TEST(HttpFetcher, CatalogOverStaticServer) {
   EXPECT_EQ(c.text(4, 0, 0) + c.text(4, 0, 6) + c.text(4, 1, 6), "Nk");
   EXPECT_EQ(c.text(5, 4999, 6), "app4999");
   EXPECT_EQ(c.num(5, 4999, 1), 4999000);
+
+  EXPECT_FALSE(f->owns(out));
+  EXPECT_EQ(f->state(file) * 100 + f->state(bad) * 10 + f->state(99), 124);
+  EXPECT_EQ(f->got(file) * 10 + f->total(file), 55u);
+  std::ifstream in(out, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), data);
+  EXPECT_EQ(f->commandOutput(cmd), "hi there");
+  EXPECT_EQ(f->cacheName("https://h/x/a b.zan?q=1") + f->cacheName("http://h/"), "a_b.zanindex");
 }
 
 TEST(HttpFetcher, StallingServerLeavesJobsPendingWithoutBlocking) {
@@ -112,25 +125,6 @@ TEST(HttpFetcher, StallingServerLeavesJobsPendingWithoutBlocking) {
   ASSERT_TRUE(pumpUntil(f, [&] { return f.state(first) && f.state(second); }, [&] { f.pump(); }));
   EXPECT_EQ(f.state(first) * 10 + f.state(second), 22);
   EXPECT_EQ(f.error(first), "cannot fetch " + url);
-}
-
-TEST(HttpFetcher, FileAndCommandJobs) {
-  const std::string root = testTempDir() + "files/", data("ab\0cd", 5);
-  put(root + "src/a.bin", data);
-  ServerProc srv({"python3", "-u", "-c", kStaticServer, root + "src"});
-  ASSERT_GT(srv.port, 0);
-  HttpFetcher f;
-  const int file = f.start(srv.base() + "/a.bin", root + "out.bin");
-  const int cmd = f.startCommand({"sh", "-c", "printf 'hi there'"}), bad = f.startCommand({"false"});
-  EXPECT_TRUE(f.owns(root + "out.bin"));
-  ASSERT_TRUE(pumpUntil(f, [&] { return f.state(file) && f.state(cmd) && f.state(bad); }, [&] { f.pump(); }));
-  EXPECT_FALSE(f.owns(root + "out.bin"));
-  EXPECT_EQ(f.state(file) * 100 + f.state(bad) * 10 + f.state(99), 124);
-  EXPECT_EQ(f.got(file) * 10 + f.total(file), 55u);
-  std::ifstream in(root + "out.bin", std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), data);
-  EXPECT_EQ(f.commandOutput(cmd), "hi there");
-  EXPECT_EQ(f.cacheName("https://h/x/a b.zan?q=1") + f.cacheName("http://h/"), "a_b.zanindex");
 }
 
 }  // namespace
