@@ -12,14 +12,16 @@
 #include <mutex>
 #include <set>
 
+#ifndef _WIN32
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "packages/http_get.h"
-
 extern char** environ;
+#endif
+
+#include "packages/http_get.h"
 
 namespace tov::fetch {
 
@@ -83,6 +85,10 @@ bool writeWhole(const std::string& path, const std::string& bytes) {
 
 // Runs argv without a shell and collects its standard output.
 bool runCommand(const std::vector<std::string>& argv, std::string& out, std::string& err) {
+#ifdef _WIN32
+  err = "commands are not run on this platform";
+  return false;
+#else
   if (argv.empty()) {
     err = "no command";
     return false;
@@ -126,6 +132,7 @@ bool runCommand(const std::vector<std::string>& argv, std::string& out, std::str
   if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
   err = argv[0] + " failed";
   return false;
+#endif
 }
 
 Result runTask(Shared& s, const Task& t) {
@@ -148,10 +155,12 @@ Result runTask(Shared& s, const Task& t) {
 void workerLoop(std::shared_ptr<Shared> s) {
   // A peer that closes early must fail the transfer, not end the process:
   // SIGPIPE from our sends stays pending on this thread.
+#ifndef _WIN32
   sigset_t pipeSet;
   sigemptyset(&pipeSet);
   sigaddset(&pipeSet, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipeSet, nullptr);
+#endif
   std::unique_lock<std::mutex> lock(s->m);
   for (;;) {
     s->work.wait(lock, [&] { return s->stop || !s->todo.empty(); });

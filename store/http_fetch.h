@@ -7,7 +7,8 @@
 // Beyond the contract:
 // - `start` writes the body straight to `dest` once the whole of it came.
 // - `startCommand` runs argv[0] with its arguments, without a shell, and
-//   keeps its standard output; a non-zero exit status fails the job.
+//   keeps its standard output; a non-zero exit status fails the job. The
+//   Windows build fails every command job.
 // - `startExternal` is not supported and gives 0.
 // - `got` and `total` move at each pump while a plain-HTTP transfer runs.
 // - `cancel` fails a running job at once with the error "cancelled"; a
