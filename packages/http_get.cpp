@@ -31,6 +31,7 @@ constexpr size_t kMaxShellArg = 2048;
 #ifdef _WIN32
 using Socket = SOCKET;
 constexpr Socket kNoSocket = INVALID_SOCKET;
+constexpr int kSendFlags = 0;
 void closeSocket(Socket s) { closesocket(s); }
 bool socketsReady() {
   static const bool ok = [] {
@@ -47,6 +48,8 @@ void setTimeouts(Socket s) {
 #else
 using Socket = int;
 constexpr Socket kNoSocket = -1;
+// A peer that resets the connection must fail the send, not kill zan.
+constexpr int kSendFlags = MSG_NOSIGNAL;
 void closeSocket(Socket s) { close(s); }
 bool socketsReady() { return true; }
 void setTimeouts(Socket s) {
@@ -135,7 +138,7 @@ bool httpGetProg(const std::string& url, std::string& out, HttpProgressFn progre
   }
 
   const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + authority + "\r\nConnection: close\r\n\r\n";
-  const auto sent = send(s, request.data(), static_cast<int>(request.size()), 0);
+  const auto sent = send(s, request.data(), static_cast<int>(request.size()), kSendFlags);
   if (sent < 0 || static_cast<size_t>(sent) != request.size()) {
     closeSocket(s);
     return false;
