@@ -9,6 +9,7 @@
 
 #include "cli/commands.h"
 #include "cli/devices.h"
+#include "packages/installed.h"
 #include "plugin/plugin_manager.h"
 
 using tov::PluginManager;
@@ -325,8 +326,10 @@ int cmdPlugins(int argc, char** argv) {
     std::fprintf(stderr, "zan: plugin '%s' not loaded\n", argv[3]);
     return 1;
   }
-  // The installed-package listing comes with the package manager.
-  if (!std::strcmp(sub, "ls")) return cmdInstalledLsPending(argc, argv);
+  if (!std::strcmp(sub, "ls")) {
+    cmdInstalledLs(argc, argv);
+    return 0;
+  }
   std::fputs("usage: zan plugins | zan plugin list | zan plugin ls [-a] | zan plugin info <name>\n", stderr);
   return 2;
 }

@@ -48,9 +48,6 @@ int cmdRunModel(int argc, char** argv);
 // handler already did) and runs the plugin command of that name, mapping
 // its result to the exit code.
 int cmdPluginCommand(int argc, char** argv);
-// Stand-in for the installed-package listing (`ls plugins`, `plugin ls`),
-// which comes with the package manager: until then these stay unknown words.
-int cmdInstalledLsPending(int argc, char** argv);
 
 // Listings of the plugin registries; main has loaded the plugins.
 int cmdRuntime(int argc, char** argv);

@@ -7,8 +7,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "cli/commands.h"
+#include "packages/installed.h"
+#include "packages/sources.h"
 #include "plugin/plugin_manager.h"
 
 int cmdPluginCommand(int argc, char** argv) {
@@ -25,8 +28,6 @@ int cmdPluginCommand(int argc, char** argv) {
   std::fprintf(stderr, "zan: plugin command '%s' failed (%d)\n", word, rc);
   return 1;
 }
-
-int cmdInstalledLsPending(int argc, char** argv) { return cmdPluginCommand(argc, argv); }
 
 namespace {
 
@@ -57,9 +58,20 @@ int cmdLs(int argc, char** argv) {
     return 0;
   }
   if (!std::strcmp(topic, "devices")) return cmdLsDevices();
-  if (!std::strcmp(topic, "plugins")) return cmdInstalledLsPending(argc, argv);
+  if (!std::strcmp(topic, "plugins")) {
+    cmdInstalledLs(argc, argv);
+    return 0;
+  }
   std::fputs("usage: zan ls plugins | zan ls devices\n", stderr);
   return 2;
+}
+
+// `add-source` and `addrepo`: the rest of the line is a `source add`.
+int cmdAddSource(int argc, char** argv) {
+  std::vector<char*> words = {argv[0], const_cast<char*>("source"), const_cast<char*>("add")};
+  for (int i = 2; i < argc; ++i) words.push_back(argv[i]);
+  words.push_back(nullptr);
+  return cmdSource(static_cast<int>(words.size()) - 1, words.data());
 }
 
 // In this order; the first row whose word or alias equals argv[1] runs.
@@ -87,8 +99,8 @@ const Command kCommands[] = {
     {{"install"}, nullptr, Loads::No},
     {{"remove", "uninstall"}, nullptr, Loads::No},
     {{"upgrade"}, nullptr, Loads::No},
-    {{"source"}, nullptr, Loads::No},
-    {{"add-source", "addrepo"}, nullptr, Loads::No},
+    {{"source"}, cmdSource, Loads::No},
+    {{"add-source", "addrepo"}, cmdAddSource, Loads::No},
     {{"convert"}, cmdConvert, Loads::AfterArgs},
 };
 
