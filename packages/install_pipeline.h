@@ -1,0 +1,47 @@
+// The install pipeline behind `install`, `update` and `upgrade`, from the
+// walk over the sources to the recorded state: discovery with its retries,
+// resolution, selection, the plan, the confirmation, checked downloads
+// moved into place, and one write of the installed state. These are
+// command-level functions: they print their messages and give exit codes.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tov {
+
+// Set by main for the length of an `update` run: the pipeline stops after
+// the plan and reports what is available.
+extern bool gOnlyUpdate;
+
+struct InstallOptions {
+  std::vector<std::string> names;
+  std::string repo;  // one server address instead of all sources
+  std::string dir;   // install directory, already made
+  bool force = false;
+  bool assumeYes = false;
+  bool listOnly = false;
+};
+
+// Everything after the local-container check: walks the sources (or the
+// --repo one), then resolves, selects, plans, confirms, downloads and
+// records. Gives the exit code.
+int runInstallPipeline(const InstallOptions& opts);
+
+// `zan install` (and, with gOnlyUpdate, `zan update`): options from
+// argv[2] on, the install directory, the sources file seeded on first use,
+// a single local container, then the pipeline. Gives the exit code.
+int cmdInstall(int argc, char** argv);
+
+// Whether to ask before changing anything: not with -y, and otherwise only
+// when standard input is a terminal or ZAN_CONFIRM is set.
+bool shouldPrompt(bool assumeYes);
+// Reads one line of standard input: true if its first character that is
+// not a blank or tab is "y" or "Y". End of input is a no.
+bool readYes();
+
+// Replaces `to` by `from` in one step, also where the platform's rename
+// refuses an existing target.
+bool replaceFile(const std::string& from, const std::string& to);
+
+}  // namespace tov
