@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/commands.h"
+#include "packages/cmd_install.h"
 #include "packages/installed.h"
 #include "packages/sources.h"
 #include "plugin/plugin_manager.h"
@@ -96,7 +97,7 @@ const Command kCommands[] = {
     {{"appinfo"}, cmdAppInfo, Loads::No},
     {{"pack-apk"}, cmdPackApk, Loads::No},
     {{"update"}, nullptr, Loads::No},
-    {{"install"}, nullptr, Loads::No},
+    {{"install"}, cmdInstall, Loads::No},
     {{"remove", "uninstall"}, nullptr, Loads::No},
     {{"upgrade"}, nullptr, Loads::No},
     {{"source"}, cmdSource, Loads::No},
