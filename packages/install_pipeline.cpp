@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -325,101 +324,6 @@ int runInstallPipeline(const InstallOptions& opts) {
   }
   saveInstalled(list);
   return failed ? 1 : 0;
-}
-
-namespace {
-
-const char kInstallUsage[] =
-    "usage: zan install [name ...] [--repo URL] [--dir DIR] [--force] [--list]\n"
-    "  names: package names or file substrings; empty = all\n"
-    "         or a single *.zan repo/plugin container\n"
-    "  default: install plugins from all enabled software sources\n"
-    "          (zan source list to view / add / remove)\n"
-    "  --repo  single server source override (default: all sources)\n"
-    "  --dir   install dir (default $HOME/.zan/plugin)\n"
-    "  --force re-download even when sha256 matches\n"
-    "  -y, --yes  skip the install confirmation prompt\n"
-    "  --list  only print the aggregated manifest\n"
-    "  progress bar: opt in via ZAN_PROGRESS=1 on a TTY\n";
-
-bool endsWith(const std::string& s, const char* tail) {
-  const size_t n = std::strlen(tail);
-  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
-
-// A single name that is a local container file: installed from it, or
-// refused. Gives -1 when the name is no container matter.
-int localContainer(const InstallOptions& opts) {
-  if (opts.names.size() != 1) return -1;
-  const std::string& name = opts.names[0];
-  uint16_t kind = 0;
-  if (name.size() > 4 && endsWith(name, ".zan")) {
-    if (!zanContainerProbe(name, &kind, nullptr)) {
-      std::fprintf(stderr, "zan: %s is not an ZAN container\n", name.c_str());
-      return 2;
-    }
-    if (kind == 2 || kind == 5) return installFromZanContainer(name, opts.dir, opts.force, nullptr, nullptr);
-    std::fprintf(stderr, "zan: %s is a kind=%u container; install accepts repo/plugin only\n", name.c_str(),
-                 unsigned(kind));
-    return 2;
-  }
-  if (name.find('.') != std::string::npos && zanContainerProbe(name, nullptr, nullptr)) {
-    std::fprintf(stderr, "zan: %s looks like an ZAN container; rename to *.zan or give a package name\n",
-                 name.c_str());
-    return 2;
-  }
-  return -1;
-}
-
-}  // namespace
-
-int cmdInstall(int argc, char** argv) {
-  InstallOptions opts;
-  bool haveDir = false;
-  for (int i = 2; i < argc; ++i) {
-    const char* w = argv[i];
-    if (!std::strcmp(w, "--repo") || !std::strcmp(w, "--dir")) {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "zan: missing value for %s\n", w);
-        return 2;
-      }
-      (w[2] == 'r' ? opts.repo : opts.dir) = argv[++i];
-      haveDir |= w[2] == 'd';
-    } else if (!std::strcmp(w, "--force")) {
-      opts.force = true;
-    } else if (!std::strcmp(w, "-y") || !std::strcmp(w, "--yes")) {
-      opts.assumeYes = true;
-    } else if (!std::strcmp(w, "--list")) {
-      opts.listOnly = true;
-    } else if (!std::strcmp(w, "-h") || !std::strcmp(w, "--help")) {
-      std::fputs(kInstallUsage, stdout);
-      return 0;
-    } else if (w[0] == '-') {
-      std::fprintf(stderr, "zan: unknown option '%s'\n", w);
-      return 2;
-    } else {
-      opts.names.push_back(w);
-    }
-  }
-  if (!haveDir) {
-    const char* home = std::getenv("HOME");
-    if (!home) {
-      std::fputs("zan: HOME not set; use --dir\n", stderr);
-      return 2;
-    }
-    opts.dir = std::string(home) + "/.zan/plugin";
-  }
-  mkdirParents(opts.dir + "/");
-  if (opts.repo.empty()) {
-    const std::string path = sourcesConfigPath();
-    if (std::FILE* f = std::fopen(path.c_str(), "rb")) {
-      std::fclose(f);
-    } else if (saveSources(parseSourcesText(defaultSourcesText()))) {
-      std::printf("zan: sources.list initialized (%s)\n", path.c_str());
-    }
-  }
-  if (const int rc = localContainer(opts); rc >= 0) return rc;
-  return runInstallPipeline(opts);
 }
 
 }  // namespace tov

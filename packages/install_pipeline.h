@@ -8,30 +8,18 @@
 #include <string>
 #include <vector>
 
+#include "packages/cmd_install.h"
+
 namespace tov {
 
 // Set by main for the length of an `update` run: the pipeline stops after
 // the plan and reports what is available.
 extern bool gOnlyUpdate;
 
-struct InstallOptions {
-  std::vector<std::string> names;
-  std::string repo;  // one server address instead of all sources
-  std::string dir;   // install directory, already made
-  bool force = false;
-  bool assumeYes = false;
-  bool listOnly = false;
-};
-
-// Everything after the local-container check: walks the sources (or the
+// Everything after the local-container check (`opts.dir` made): walks the sources (or the
 // --repo one), then resolves, selects, plans, confirms, downloads and
 // records. Gives the exit code.
 int runInstallPipeline(const InstallOptions& opts);
-
-// `zan install` (and, with gOnlyUpdate, `zan update`): options from
-// argv[2] on, the install directory, the sources file seeded on first use,
-// a single local container, then the pipeline. Gives the exit code.
-int cmdInstall(int argc, char** argv);
 
 // Whether to ask before changing anything: not with -y, and otherwise only
 // when standard input is a terminal or ZAN_CONFIRM is set.

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "packages/cmd_install.h"
 #include "packages/container_source.h"
 #include "packages/discovery.h"
 #include "packages/http_get.h"
@@ -327,7 +328,7 @@ int cmdUpgrade(int argc, char** argv) {
   std::vector<char*> wordPtrs;
   for (std::string& w : words) wordPtrs.push_back(w.data());
   wordPtrs.push_back(nullptr);
-  return cmdInstall(int(words.size()), wordPtrs.data());
+  return ::cmdInstall(int(words.size()), wordPtrs.data());
 }
 
 }  // namespace tov
