@@ -123,6 +123,9 @@ def main_scenario(tmp):
     V["CONF"] = "zan: 'libzan_base.so' also provided elsewhere with a different sha - keeping first\n"
     inst = lambda *fs: "".join("installed %s (%d bytes)\n" % (f, len(body(f))) for f in fs)
     V["I5"] = inst("libzan_base.so", "libzan_mid.so", "shared.so", "libzan_top.so", "libzan_dia.so")
+    row = lambda f, size, h: "%-40s %10s  %s\n" % (f, size, h)
+    check("--list of one --repo server", ["install", "--repo", V["B"], "--list"], 0, row("file", "size", "sha256") +
+          row("libzan_base.so", 700, sha(b"other")) + row("libzan_extra.so", 750, sha(body("libzan_extra.so"))), "")
     check("update", ["update"], 0, "zan update: 12 package(s), 11 file(s) available\n", "{SRC}{CONF}")
     check("install with a chain and a diamond of dependents", ["install", "base", "-y"], 0,
           "{I5}zan: 5 installed, 0 up-to-date, 0 failed\n", "{SRC}{CONF}")
