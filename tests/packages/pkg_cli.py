@@ -4,10 +4,9 @@
     pkg_cli.py --zan PATH
 
 Two static servers (http.server directories with manifest.json and plugins/),
-a fake GitHub answering the topic search and the raw-file paths, and the raw
-a server that stalls mid-file for the kill test. Each step runs zan in one HOME
-and compares stdout, stderr and the exit code exactly; expected digests come
-from hashlib.
+a fake GitHub answering the topic search and the raw-file paths, and a server
+that stalls mid-file for the kill test. Each step runs zan in one HOME and
+compares stdout, stderr and the exit code exactly; digests come from hashlib.
 """
 import argparse, functools, hashlib, http.server, json, os, signal, struct, subprocess, sys, tempfile, threading
 
@@ -27,12 +26,10 @@ class Quiet(http.server.SimpleHTTPRequestHandler):
     def log_message(self, *a): pass
 
 
-def static_server(root, packages, extra_files=()):
+def static_server(root, packages):
     os.makedirs(root + "/plugins", exist_ok=True)
-    for p in packages:
-        for f in p["files"]:
-            if not set("/\0") & set(f["file"]): open(root + "/plugins/" + f["file"], "wb").write(body(f["file"]))
-    for name, data in extra_files: open(root + "/plugins/" + name, "wb").write(data)
+    for f in [f["file"] for p in packages for f in p["files"] if not set("/\0") & set(f["file"])]:
+        open(root + "/plugins/" + f, "wb").write(body(f))
     open(root + "/manifest.json", "w").write(json.dumps({"packages": packages}))
     return serve(functools.partial(Quiet, directory=root))
 
@@ -74,11 +71,7 @@ def run(args, stdin=b"", env=None, home=None):
 
 
 def check(title, args, code, out, err, **kw):
-    got = run(args, **kw)
-    want = (code, out.format(**V), err.format(**V))
-    if got != want:
-        failures.append(title)
-        print("FAIL %s\n  want %r\n  got  %r" % (title, want, got))
+    expect(title, run(args, **kw), (code, out.format(**V), err.format(**V)))
 
 
 def state(home=None):
@@ -91,8 +84,7 @@ def expect(title, got, want):
         failures.append(title)
         print("FAIL %s\n  want %r\n  got  %r" % (title, want, got))
 
-
-def pad(s, n): return s.ljust(n)
+pad = str.ljust
 
 
 def main_scenario(tmp):
