@@ -75,9 +75,12 @@ int prepareInstall(InstallOptions& o) {
   mkdirParents(o.dir + "/");
   if (o.repo.empty()) {
     const std::string path = sourcesConfigPath();
-    std::string text;
-    if (!readWholeFile(path, text) && saveSources(parseSourcesText(defaultSourcesText())))
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f) {
+      std::fclose(f);
+    } else if (saveSources(parseSourcesText(defaultSourcesText()))) {
       std::printf("zan: sources.list initialized (%s)\n", path.c_str());
+    }
   }
   return -1;
 }
