@@ -222,9 +222,10 @@ def kill_test(tmp):
     packages = [pkg(n, "1", ["libzan_%s.so" % n]) for n in names]
     static_server(tmp + "/k", packages)
     K = serve(functools.partial(Stalling, directory=tmp + "/k"))
-    want = [(n, "1", ["libzan_%s.so" % n]) for n in names]
-    # Kill points: during the stalled download, and after each "installed" line.
-    for point in ["stall", 1, 2, 3, 4, "remove1", "remove2"]:
+    want = {n: ("1", body("libzan_%s.so" % n)) for n in names}
+    # Kill points: during a stalled download (of install, then of upgrade
+    # once slow has a version 2), and after the n-th line of install/remove.
+    for point in ["stall", 1, 2, 3, 4, "remove1", "remove2", "upgrade"]:
         home = "%s/kill-%s" % (tmp, point)
         os.makedirs(home + "/.zan")
         open(home + "/.zan/sources.list", "w").write("zan %s\n" % K)
@@ -234,23 +235,30 @@ def kill_test(tmp):
         if str(point).startswith("remove"):
             run(cmd, home=home)
             cmd, removing = ["remove", "k0", "k1", "slow", "-y"], ("k0", "k1", "slow")
-        elif point == "stall":
+        elif point == "upgrade":
+            run(cmd, home=home)
+            want["slow"] = ("2", b"version two")
+            open(tmp + "/k/plugins/libzan_slow.so", "wb").write(b"version two")
+            packages[2] = pkg("slow", "2", ["libzan_slow.so"], **{"libzan_slow.so": {"sha256": sha(b"version two"), "size": 11}})
+            open(tmp + "/k/manifest.json", "w").write(json.dumps({"packages": packages}))
+            cmd = ["upgrade", "-y"]
+        if point in ("stall", "upgrade"):
             Stalling.stalled.clear()
         p = subprocess.Popen(["stdbuf", "-oL", ZAN] + cmd, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
-        if point == "stall":
+        if point in ("stall", "upgrade"):
             Stalling.stalled.wait(60)
         else:
-            n = point if isinstance(point, int) else int(point[-1])
-            for _ in range(n): p.stdout.readline()
+            for _ in range(point if isinstance(point, int) else int(point[-1])): p.stdout.readline()
         p.send_signal(signal.SIGKILL)
         p.wait()
         consistent("kill at %s" % point, home, removing)
         Stalling.stalled.set()
         rc = run(cmd, home=home)[0]
-        done = [w for w in want if w[0] not in removing]
-        expect("kill at %s: rerun" % point, (rc if not removing else 0, sorted(state(home))), (0, sorted(done)))
-        for _, _, (f,) in done:
-            expect("kill at %s: %s" % (point, f), sha(open(home + "/.zan/plugin/" + f, "rb").read()), sha(body(f)))
+        done = {n: w for n, w in want.items() if n not in removing}
+        expect("kill at %s: rerun" % point, (rc if not removing else 0, sorted(state(home))),
+               (0, sorted((n, v, ["libzan_%s.so" % n]) for n, (v, _) in done.items())))
+        for n, (_, data) in done.items():
+            expect("kill at %s: %s" % (point, n), sha(open(home + "/.zan/plugin/libzan_%s.so" % n, "rb").read()), sha(data))
 
 
 def main():
