@@ -8,18 +8,19 @@ a fake GitHub answering the topic search and the raw-file paths, and a server
 that stalls mid-file for the kill test. Each step runs zan in one HOME and
 compares stdout, stderr and the exit code exactly; digests come from hashlib.
 """
-import argparse, functools, hashlib, http.server, json, os, signal, struct, subprocess, sys, tempfile, threading
+import argparse, functools, hashlib, http.server, json, os, signal, ssl, struct, subprocess, sys, tempfile, threading
 
 sha = lambda b: hashlib.sha256(b).hexdigest()
 body = lambda name: (name * 50).encode()  # the bytes of each plugin file
 failures = []
 
 
-def serve(handler):
+def serve(handler, tls=None):
     srv = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
     srv.handle_error = lambda *a: None  # a killed client's broken pipe
+    if tls: srv.socket = tls.wrap_socket(srv.socket, server_side=True)
     threading.Thread(target=srv.serve_forever, daemon=True).start()
-    return "http://127.0.0.1:%d" % srv.server_port
+    return "http%s://127.0.0.1:%d" % ("s" if tls else "", srv.server_port)
 
 
 class Quiet(http.server.SimpleHTTPRequestHandler):
@@ -53,9 +54,13 @@ def container(manifest, sections):
 
 
 class FakeGithub(http.server.BaseHTTPRequestHandler):
+    """GitHub over TLS: the API wants the token and the Accept header of its route, the raw host neither."""
     files = {}  # path -> bytes
     def do_GET(self):
-        data = self.files.get(self.path)
+        api = self.path.startswith("/api/")
+        accept = "application/vnd.github+json" if "/search/" in self.path else "application/vnd.github.raw"
+        ok = not api or (self.headers["Authorization"] == "Bearer tok-1.x_Y" and self.headers["Accept"] == accept)
+        data = self.files.get(self.path) if ok else None
         self.send_response(200 if data is not None else 404)
         self.send_header("Content-Length", str(len(data or b"")))
         self.end_headers()
@@ -168,7 +173,12 @@ def main_scenario(tmp):
 
 def github_scenario(tmp):
     home = tmp + "/gh"
-    G = serve(FakeGithub)
+    subprocess.run("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
+                   "subjectAltName=IP:127.0.0.1 -keyout %s/key.pem -out %s/cert.pem" % (tmp, tmp), shell=True,
+                   check=True, capture_output=True)
+    tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    tls.load_cert_chain(tmp + "/cert.pem", tmp + "/key.pem")
+    G, env = serve(FakeGithub, tls), {"CURL_CA_BUNDLE": tmp + "/cert.pem", "ZAN_GITHUB_TOKEN": "tok-1.x_Y"}
     gc, gm = b"container plugin bytes", body("libzan_gm.so")
     FakeGithub.files = {
         "/api/search/repositories?q=topic%3Azan-plugin&per_page=100": json.dumps({"items": [
@@ -183,12 +193,12 @@ def github_scenario(tmp):
     open(home + "/.zan/sources.list", "w").write("zan %s/api github-topic=zan-plugin raw=%s/raw\n" % (G, G))
     cache = home + "/.zan/cache/plugins.zan"
     fromc = "installed gc 1 (from %s)\nzan: %s: 1 installed/updated, 0 failed (container plugin)\n" % (cache, cache)
-    # The raw url of libzan_gm.so is missing: the contents API serves it.
+    # Files come through the contents API: the built-in client refuses https.
     check("github topic: a container and a manifest", ["install", "-y"], 0, fromc +
           "installed libzan_gm.so (600 bytes)\nzan: 1 installed, 0 up-to-date, 0 failed\n",
-          "zan: source %s 2 repos, 2 with plugins\n" % pad(G + "/api", 22), home=home)
+          "zan: source %s 2 repos, 2 with plugins\n" % pad(G + "/api", 22), home=home, env=env)
     check("upgrade refreshes the container", ["upgrade", "-y"], 0, fromc +
-          "zan: all 2 installed package(s) up-to-date\n", "", home=home)
+          "zan: all 2 installed package(s) up-to-date\n", "", home=home, env=env)
     expect("github state", [(n, v) for n, v, _ in state(home)], [("gc", "1"), ("gm", "3")])
 
 
