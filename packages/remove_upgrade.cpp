@@ -51,13 +51,13 @@ const char kUpgradeUsage[] =
 struct Args {
   std::vector<std::string> names;
   std::string dir;
+  bool haveDir = false;
   bool assumeYes = false;
 };
 
 // The shared options of remove and upgrade. Gives -1 to go on, else the
-// exit code; fills the install directory.
+// exit code.
 int readArgs(int argc, char** argv, const char* usage, Args& a) {
-  bool haveDir = false;
   for (int i = 2; i < argc; ++i) {
     const char* w = argv[i];
     if (!std::strcmp(w, "--dir")) {
@@ -66,7 +66,7 @@ int readArgs(int argc, char** argv, const char* usage, Args& a) {
         return 2;
       }
       a.dir = argv[++i];
-      haveDir = true;
+      a.haveDir = true;
     } else if (!std::strcmp(w, "-y") || !std::strcmp(w, "--yes")) {
       a.assumeYes = true;
     } else if (!std::strcmp(w, "-h") || !std::strcmp(w, "--help")) {
@@ -79,10 +79,12 @@ int readArgs(int argc, char** argv, const char* usage, Args& a) {
       a.names.push_back(w);
     }
   }
-  return haveDir ? -1 : 3;  // 3: the directory still comes from HOME
+  return -1;
 }
 
+// Without --dir the directory is $HOME/.zan/plugin.
 bool dirFromHome(Args& a) {
+  if (a.haveDir) return true;
   const char* home = std::getenv("HOME");
   if (!home) {
     std::fputs("zan: HOME not set; use --dir\n", stderr);
@@ -119,13 +121,12 @@ bool listsFile(const InstalledEntry& e, const std::string& file) {
 
 int cmdRemove(int argc, char** argv) {
   Args a;
-  const int rc0 = readArgs(argc, argv, kRemoveUsage, a);
-  if (rc0 >= 0 && rc0 != 3) return rc0;
+  if (const int rc = readArgs(argc, argv, kRemoveUsage, a); rc >= 0) return rc;
   if (a.names.empty()) {
     std::fputs("usage: zan remove <name ...> (zan plugin ls)\n", stderr);
     return 2;
   }
-  if (rc0 == 3 && !dirFromHome(a)) return 2;
+  if (!dirFromHome(a)) return 2;
 
   std::vector<InstalledEntry> list = loadInstalled();
   std::vector<bool> marked(list.size(), false);
@@ -256,9 +257,8 @@ const SourceManifest* firstRecord(const std::vector<SourceManifest>& offers, con
 
 int cmdUpgrade(int argc, char** argv) {
   Args a;
-  const int rc0 = readArgs(argc, argv, kUpgradeUsage, a);
-  if (rc0 >= 0 && rc0 != 3) return rc0;
-  if (rc0 == 3 && !dirFromHome(a)) return 2;
+  if (const int rc = readArgs(argc, argv, kUpgradeUsage, a); rc >= 0) return rc;
+  if (!dirFromHome(a)) return 2;
 
   const std::vector<InstalledEntry> list = loadInstalled();
   if (list.empty()) {
