@@ -12,8 +12,8 @@ std::string ghAuthHeader() {
   if (!token || !*token) return "";
   for (const char* p = token; *p; ++p) {
     const char c = *p;
-    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-                    c == '.' || c == '_';
+    const bool ok =
+        (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_';
     if (!ok) return "";
   }
   return std::string("Authorization: Bearer ") + token;

@@ -124,8 +124,7 @@ void walkGithubSource(const Source& src, const InstallOptions& opts, Offers& off
       }
     }
   }
-  std::fprintf(stderr, "zan: source %-22s %zu repos, %zu with plugins\n", src.url.c_str(), repos.size(),
-               withPlugins);
+  std::fprintf(stderr, "zan: source %-22s %zu repos, %zu with plugins\n", src.url.c_str(), repos.size(), withPlugins);
 }
 
 // The first stage: the --repo server or every source in order. Gives -1 to
@@ -150,7 +149,8 @@ int walkSources(const InstallOptions& opts, Offers& offers) {
       if (contains(src.url, ".zan")) {
         std::fflush(stdout);
         const int rc = installContainerUrl(src.url, opts.dir, opts.force, names, opts.listOnly, offers.served);
-        if (rc != 0 && !opts.listOnly) std::fprintf(stderr, "zan: container source %s failed (%d)\n", src.url.c_str(), rc);
+        if (rc != 0 && !opts.listOnly)
+          std::fprintf(stderr, "zan: container source %s failed (%d)\n", src.url.c_str(), rc);
         continue;
       }
       std::vector<SourceManifest> got;

@@ -32,8 +32,7 @@ struct MissingDep {
 // version of each installed entry), repeating until nothing changes; cycles
 // never resolve unless something installed breaks them. Gives, per
 // unresolved manifest, each dependency that stays unmet.
-std::vector<MissingDep> resolveDeps(std::vector<SourceManifest>& manifests,
-                                    const std::vector<DepSpec>& installed);
+std::vector<MissingDep> resolveDeps(std::vector<SourceManifest>& manifests, const std::vector<DepSpec>& installed);
 
 // Whether `name` occurs in the package's name or in one of its file names.
 bool manifestMatches(const SourceManifest& m, const std::string& name);
@@ -42,8 +41,8 @@ bool manifestMatches(const SourceManifest& m, const std::string& name);
 // those that match a name; then, until nothing changes, every resolved
 // manifest that depends on a selected one. `notFound` gets each name that
 // no selected manifest matches, in order.
-std::vector<bool> selectPackages(const std::vector<SourceManifest>& manifests,
-                                 const std::vector<std::string>& names, std::vector<std::string>& notFound);
+std::vector<bool> selectPackages(const std::vector<SourceManifest>& manifests, const std::vector<std::string>& names,
+                                 std::vector<std::string>& notFound);
 
 // The files of the selected manifests in order, each file name once: the
 // first offer wins. `conflicts` gets each later offer of a name whose

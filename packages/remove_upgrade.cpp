@@ -15,8 +15,7 @@
 
 namespace tov {
 
-std::vector<size_t> matchInstalled(const std::vector<InstalledEntry>& list, const std::string& word,
-                                   bool& ambiguous) {
+std::vector<size_t> matchInstalled(const std::vector<InstalledEntry>& list, const std::string& word, bool& ambiguous) {
   std::vector<size_t> hits;
   bool exact = false;
   for (size_t i = 0; i < list.size(); ++i) {
@@ -94,8 +93,7 @@ bool dirFromHome(Args& a) {
   return true;
 }
 
-void printAmbiguous(const std::vector<InstalledEntry>& list, const std::string& word,
-                    const std::vector<size_t>& hits) {
+void printAmbiguous(const std::vector<InstalledEntry>& list, const std::string& word, const std::vector<size_t>& hits) {
   std::fprintf(stderr, "zan: '%s' is ambiguous, matches:", word.c_str());
   for (size_t i : hits) std::fprintf(stderr, " %s", list[i].name.c_str());
   std::fputs(" (use the full name)\n", stderr);

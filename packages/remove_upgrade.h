@@ -15,8 +15,7 @@ namespace tov {
 // otherwise every entry whose name contains the word. Indices in list
 // order; `ambiguous` is set when several substring matches and no exact
 // one were found.
-std::vector<size_t> matchInstalled(const std::vector<InstalledEntry>& list, const std::string& word,
-                                   bool& ambiguous);
+std::vector<size_t> matchInstalled(const std::vector<InstalledEntry>& list, const std::string& word, bool& ambiguous);
 
 // The commands; each gives the exit code.
 int cmdRemove(int argc, char** argv);

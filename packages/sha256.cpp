@@ -68,8 +68,7 @@ void blocksPortable(uint32_t state[8], const uint8_t* data, size_t blocks) {
 // The SHA extensions keep the state as two vectors, ABEF and CDGH, and do
 // two rounds per sha256rnds2. The sixteen groups of four rounds are written
 // once; with constant indices the compiler unrolls them into registers.
-__attribute__((target("sha,sse4.1,ssse3"))) void blocksShaNi(uint32_t state[8], const uint8_t* data,
-                                                             size_t blocks) {
+__attribute__((target("sha,sse4.1,ssse3"))) void blocksShaNi(uint32_t state[8], const uint8_t* data, size_t blocks) {
   const __m128i byteSwap = _mm_set_epi64x(0x0c0d0e0f08090a0bULL, 0x0405060700010203ULL);
   __m128i tmp = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(&state[0])), 0xB1);
   __m128i s1 = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(&state[4])), 0x1B);
@@ -84,8 +83,7 @@ __attribute__((target("sha,sse4.1,ssse3"))) void blocksShaNi(uint32_t state[8], 
       __m128i& w = m[g & 3];
       __m128i& prev = m[(g + 3) & 3];
       __m128i& next = m[(g + 1) & 3];
-      if (g < 4)
-        w = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + 16 * g)), byteSwap);
+      if (g < 4) w = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + 16 * g)), byteSwap);
       __m128i msg = _mm_add_epi32(w, _mm_load_si128(reinterpret_cast<const __m128i*>(&kK[4 * g])));
       s1 = _mm_sha256rnds2_epu32(s1, s0, msg);
       if (g >= 3 && g <= 14) {
@@ -100,10 +98,10 @@ __attribute__((target("sha,sse4.1,ssse3"))) void blocksShaNi(uint32_t state[8], 
     s1 = _mm_add_epi32(s1, cdghSave);
   }
 
-  tmp = _mm_shuffle_epi32(s0, 0x1B);     // FEBA
-  s1 = _mm_shuffle_epi32(s1, 0xB1);      // DCHG
-  s0 = _mm_blend_epi16(tmp, s1, 0xF0);   // DCBA
-  s1 = _mm_alignr_epi8(s1, tmp, 8);      // ABEF
+  tmp = _mm_shuffle_epi32(s0, 0x1B);    // FEBA
+  s1 = _mm_shuffle_epi32(s1, 0xB1);     // DCHG
+  s0 = _mm_blend_epi16(tmp, s1, 0xF0);  // DCBA
+  s1 = _mm_alignr_epi8(s1, tmp, 8);     // ABEF
   _mm_storeu_si128(reinterpret_cast<__m128i*>(&state[0]), s0);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(&state[4]), s1);
 }

@@ -1,11 +1,12 @@
 // Manifest reading, version constraints and resolution; selection, the plan
 // and the refused file names run end to end in tests/packages/pkg_cli.py.
+#include "packages/install_plan.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "packages/install_plan.h"
 #include "packages/manifest.h"
 
 namespace {
@@ -63,11 +64,15 @@ TEST(Version, Constraints) {
     const char *have, *want;
     bool ok;
   } cases[] = {
-      {"1.0", "", true},         {"1.10", ">1.9", true},     {"1.9", ">1.9", false},  {"1.2.0", "1.2", true},
-      {"1.2", "==1.2.0", true},  {"1.3", "1.2", false},      {"2.0", "<3", false},    {"3", "<3", true},
-      {"2.0", ">=2.0", true},    {"1.9", ">=2.0", false},    {"rel1.2", "1.2", true}, {"1.2-rc3", "1.3", true},
-      {"", "0", true},           {"", ">0", false},          {"1..2", "1.0.2", true}, {"99999999999999999999", ">1", true},
-      {"2", ">=10", false},      {"1.2.3", ">1.2.2.9", true},
+      {"1.0", "", true},        {"1.10", ">1.9", true},
+      {"1.9", ">1.9", false},   {"1.2.0", "1.2", true},
+      {"1.2", "==1.2.0", true}, {"1.3", "1.2", false},
+      {"2.0", "<3", false},     {"3", "<3", true},
+      {"2.0", ">=2.0", true},   {"1.9", ">=2.0", false},
+      {"rel1.2", "1.2", true},  {"1.2-rc3", "1.3", true},
+      {"", "0", true},          {"", ">0", false},
+      {"1..2", "1.0.2", true},  {"99999999999999999999", ">1", true},
+      {"2", ">=10", false},     {"1.2.3", ">1.2.2.9", true},
   };
   for (const auto& c : cases) EXPECT_EQ(tov::versionOk(c.have, c.want), c.ok) << c.have << " vs " << c.want;
 }
@@ -99,18 +104,12 @@ TEST(Resolve, ChainsDiamondsCyclesAndInstalled) {
   // diamond top -> l, r -> base, a cycle x <-> y, a missing dependency, a
   // version too old, and z needing w 2.0 which only the installed list has.
   std::vector<SourceManifest> ms = {
-      pkg("d", "1", {{"c", ""}}, {}),
-      pkg("c", "1", {{"b", ">=1"}}, {}),
-      pkg("b", "1.5", {}, {}),
-      pkg("top", "1", {{"l", ""}, {"r", ""}}, {}),
-      pkg("l", "1", {{"base", ""}}, {}),
-      pkg("r", "1", {{"base", ">1"}}, {}),
-      pkg("base", "2", {}, {}),
-      pkg("x", "1", {{"y", ""}}, {}),
-      pkg("y", "1", {{"x", ""}}, {}),
-      pkg("m", "1", {{"nothere", ""}, {"b", ">=2.0"}}, {}),
-      pkg("n", "1", {{"m", ""}}, {}),
-      pkg("z", "1", {{"w", "2.0"}}, {}),
+      pkg("d", "1", {{"c", ""}}, {}),    pkg("c", "1", {{"b", ">=1"}}, {}),
+      pkg("b", "1.5", {}, {}),           pkg("top", "1", {{"l", ""}, {"r", ""}}, {}),
+      pkg("l", "1", {{"base", ""}}, {}), pkg("r", "1", {{"base", ">1"}}, {}),
+      pkg("base", "2", {}, {}),          pkg("x", "1", {{"y", ""}}, {}),
+      pkg("y", "1", {{"x", ""}}, {}),    pkg("m", "1", {{"nothere", ""}, {"b", ">=2.0"}}, {}),
+      pkg("n", "1", {{"m", ""}}, {}),    pkg("z", "1", {{"w", "2.0"}}, {}),
   };
   auto missing = tov::resolveDeps(ms, {{"w", "2.0.0"}});
   std::vector<bool> resolved;  // string them up to compare whole
@@ -126,7 +125,8 @@ TEST(Resolve, ChainsDiamondsCyclesAndInstalled) {
   EXPECT_FALSE(ms[7].resolved);
   // Twenty thousand packages, each needing the next, listed head first.
   std::vector<SourceManifest> chain;
-  for (int i = 0; i < 20000; ++i) chain.push_back(pkg("p" + std::to_string(i), "1", {{"p" + std::to_string(i + 1), ""}}, {}));
+  for (int i = 0; i < 20000; ++i)
+    chain.push_back(pkg("p" + std::to_string(i), "1", {{"p" + std::to_string(i + 1), ""}}, {}));
   chain.back().deps.clear();
   EXPECT_TRUE(tov::resolveDeps(chain, {}).empty() && chain[0].resolved);
 }

@@ -1,5 +1,7 @@
 // SHA-256 against the published vectors and against coreutils' sha256sum on
 // random files of many sizes, through both block routines.
+#include "packages/sha256.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -8,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "packages/sha256.h"
 #include "tests/test_tmp.h"
 
 namespace {
