@@ -4,13 +4,13 @@
 
 namespace tov {
 
-std::vector<long> versionParts(const std::string& text) {
-  std::vector<long> parts;
-  long cur = 0;
+std::vector<int64_t> versionParts(const std::string& text) {
+  std::vector<int64_t> parts;
+  int64_t cur = 0;
   for (char c : text) {
     if (c >= '0' && c <= '9') {
       // Saturate instead of overflowing on absurdly long digit runs.
-      cur = cur > (1L << 40) ? cur : cur * 10 + (c - '0');
+      cur = cur > (int64_t(1) << 40) ? cur : cur * 10 + (c - '0');
     } else if (c == '.') {
       parts.push_back(cur);
       cur = 0;
@@ -35,10 +35,10 @@ bool versionOk(const std::string& have, const std::string& want) {
     op = Gt;
     rest = want.substr(1);
   }
-  const std::vector<long> a = versionParts(have), b = versionParts(rest);
+  const std::vector<int64_t> a = versionParts(have), b = versionParts(rest);
   int cmp = 0;
   for (size_t i = 0; i < a.size() || i < b.size(); ++i) {
-    const long x = i < a.size() ? a[i] : 0, y = i < b.size() ? b[i] : 0;
+    const int64_t x = i < a.size() ? a[i] : 0, y = i < b.size() ? b[i] : 0;
     if (x != y) {
       cmp = x < y ? -1 : 1;
       break;

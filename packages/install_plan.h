@@ -5,6 +5,7 @@
 // into messages.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ bool versionOk(const std::string& have, const std::string& want);
 
 // The integer components of a version text: digits build the current
 // component, "." closes it, any other byte discards the digits so far.
-std::vector<long> versionParts(const std::string& text);
+std::vector<int64_t> versionParts(const std::string& text);
 
 // A dependency that nothing satisfies, for the package at `index`.
 struct MissingDep {
