@@ -11,7 +11,9 @@
 
 #include "cli/commands.h"
 #include "packages/cmd_install.h"
+#include "packages/install_pipeline.h"
 #include "packages/installed.h"
+#include "packages/remove_upgrade.h"
 #include "packages/sources.h"
 #include "plugin/plugin_manager.h"
 
@@ -75,6 +77,14 @@ int cmdAddSource(int argc, char** argv) {
   return cmdSource(static_cast<int>(words.size()) - 1, words.data());
 }
 
+// `update`: the install pipeline that stops once it knows what is on offer.
+int cmdUpdate(int argc, char** argv) {
+  tov::gOnlyUpdate = true;
+  const int rc = cmdInstall(argc, argv);
+  tov::gOnlyUpdate = false;
+  return rc;
+}
+
 // In this order; the first row whose word or alias equals argv[1] runs.
 const Command kCommands[] = {
     {{"tune"}, cmdTune, Loads::AfterArgs},
@@ -96,10 +106,10 @@ const Command kCommands[] = {
     {{"pack"}, cmdPackApp, Loads::No},
     {{"appinfo"}, cmdAppInfo, Loads::No},
     {{"pack-apk"}, cmdPackApk, Loads::No},
-    {{"update"}, nullptr, Loads::No},
+    {{"update"}, cmdUpdate, Loads::No},
     {{"install"}, cmdInstall, Loads::No},
-    {{"remove", "uninstall"}, nullptr, Loads::No},
-    {{"upgrade"}, nullptr, Loads::No},
+    {{"remove", "uninstall"}, tov::cmdRemove, Loads::No},
+    {{"upgrade"}, tov::cmdUpgrade, Loads::No},
     {{"source"}, cmdSource, Loads::No},
     {{"add-source", "addrepo"}, cmdAddSource, Loads::No},
     {{"convert"}, cmdConvert, Loads::AfterArgs},

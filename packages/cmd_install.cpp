@@ -1,6 +1,5 @@
 // `zan install`: options, the install directory, seeding the sources file,
-// a local container named on the command line, and the container sources
-// met on the walk over the sources.
+// a local container named on the command line; then the pipeline.
 #include "packages/cmd_install.h"
 
 #include <cstdio>
@@ -8,6 +7,7 @@
 #include <cstring>
 
 #include "packages/container_source.h"
+#include "packages/install_pipeline.h"
 #include "packages/pkg_files.h"
 #include "packages/sources.h"
 
@@ -107,16 +107,6 @@ int installLocalContainer(const InstallOptions& o) {
   return -1;
 }
 
-bool walkContainerSources(const InstallOptions& o, bool& served) {
-  const std::vector<std::string>* names = o.names.empty() ? nullptr : &o.names;
-  for (const Source& s : loadSources()) {
-    if (s.type != "server" || s.url.find(".zan") == std::string::npos) continue;
-    const int rc = installContainerUrl(s.url, o.dir, o.force, names, o.listOnly, served);
-    if (rc != 0 && !o.listOnly) std::fprintf(stderr, "zan: container source %s failed (%d)\n", s.url.c_str(), rc);
-  }
-  return served;
-}
-
 }  // namespace tov
 
 int cmdInstall(int argc, char** argv) {
@@ -125,17 +115,5 @@ int cmdInstall(int argc, char** argv) {
   if (rc < 0) rc = tov::prepareInstall(o);
   if (rc < 0) rc = tov::installLocalContainer(o);
   if (rc >= 0) return rc;
-  const std::vector<std::string>* names = o.names.empty() ? nullptr : &o.names;
-  if (!o.repo.empty() && o.repo.find(".zan") != std::string::npos) {
-    bool served = false;
-    return tov::installContainerUrl(o.repo, o.dir, o.force, names, o.listOnly, served);
-  }
-  // Manifest sources (static servers, GitHub topics) are read by the
-  // manifest walk, which is not part of this command yet: only container
-  // sources are served here.
-  bool served = false;
-  if (o.repo.empty()) tov::walkContainerSources(o, served);
-  if (served) return 0;
-  std::fputs("zan: no plugin manifests available\n", stderr);
-  return 1;
+  return tov::runInstallPipeline(o);
 }

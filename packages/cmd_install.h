@@ -1,6 +1,6 @@
 // The stages of `zan install` that come before any package manifest: the
-// options, the install directory, seeding the sources file, a local
-// container named on the command line, and container sources. Each stage
+// options, the install directory, seeding the sources file, and a local
+// container named on the command line. Each stage
 // gives -1 to go on, or the exit code.
 #pragma once
 
@@ -24,10 +24,6 @@ int parseInstallOptions(int argc, char** argv, InstallOptions& o);
 int prepareInstall(InstallOptions& o);
 // A single name that is a local container file.
 int installLocalContainer(const InstallOptions& o);
-// Every "server" source whose url holds ".zan": fetched, cached, installed
-// (or only named with --list). True if any was served.
-bool walkContainerSources(const InstallOptions& o, bool& served);
-
 }  // namespace tov
 
 // `zan install`; the exit code.
