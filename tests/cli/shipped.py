@@ -108,7 +108,7 @@ def main():
     os.makedirs(opts.work, exist_ok=True)
 
     rc, out, err = zan(opts, "importer", "list")
-    check(rc == 0 and "  gguf       GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0) caps=0x0 ext=.gguf\n" in out,
+    check(rc == 0 and "  gguf       GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0 Q2_K..Q6_K) caps=0x0 ext=.gguf\n" in out,
           f"importer list: {out}{err}")
 
     model, cores = "host CPU", os.sysconf("SC_NPROCESSORS_ONLN")
