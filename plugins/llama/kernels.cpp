@@ -362,6 +362,22 @@ void tilePortable(const float* Wf, size_t rows, size_t cols, const float* X, siz
     for (size_t r = 0; r < rows; ++r) Y[i * ldy + r] = dotFloatRow(reinterpret_cast<const uint8_t*>(Wf + r * cols), cols, X + i * cols, 4, loadF32);
 }
 
+void attnScoresPortable(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale,
+                        float* scores) {
+  for (size_t t = 0; t < count; ++t) {
+    const float* k = keys + t * stride;
+    float dot = 0.f;
+    for (size_t c = 0; c < n; ++c) dot += q[c] * k[c];
+    scores[t] = dot * scale;
+  }
+}
+
+void attnMixPortable(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out) {
+  std::fill(out, out + n, 0.f);
+  for (size_t t = 0; t < count; ++t)
+    for (size_t c = 0; c < n; ++c) out[c] += a[t] * vals[t * stride + c];
+}
+
 // ---------------------------------------------------------------------------
 // AVX2 + FMA + F16C path.
 
@@ -619,6 +635,44 @@ LLAMA_FAST void dequantQ8Fast(const uint8_t* w, size_t cols, float* out) {
   }
 }
 
+LLAMA_FAST void attnScoresFast(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale,
+                               float* scores) {
+  for (size_t t = 0; t < count; ++t) {
+    const float* k = keys + t * stride;
+    __m256 acc = _mm256_setzero_ps();
+    size_t c = 0;
+    for (; c + 8 <= n; c += 8) acc = _mm256_fmadd_ps(_mm256_loadu_ps(q + c), _mm256_loadu_ps(k + c), acc);
+    float dot = hsum(acc);
+    for (; c < n; ++c) dot += q[c] * k[c];
+    scores[t] = dot * scale;
+  }
+}
+
+LLAMA_FAST void attnMixFast(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out) {
+  size_t c = 0;
+  // 64 columns a pass, eight accumulators over all rows.
+  for (; c + 64 <= n; c += 64) {
+    __m256 acc[8];
+    for (int k = 0; k < 8; ++k) acc[k] = _mm256_setzero_ps();
+    for (size_t t = 0; t < count; ++t) {
+      const __m256 w = _mm256_set1_ps(a[t]);
+      const float* v = vals + t * stride + c;
+      for (int k = 0; k < 8; ++k) acc[k] = _mm256_fmadd_ps(w, _mm256_loadu_ps(v + 8 * k), acc[k]);
+    }
+    for (int k = 0; k < 8; ++k) _mm256_storeu_ps(out + c + 8 * k, acc[k]);
+  }
+  for (; c + 8 <= n; c += 8) {
+    __m256 acc = _mm256_setzero_ps();
+    for (size_t t = 0; t < count; ++t) acc = _mm256_fmadd_ps(_mm256_set1_ps(a[t]), _mm256_loadu_ps(vals + t * stride + c), acc);
+    _mm256_storeu_ps(out + c, acc);
+  }
+  for (; c < n; ++c) {
+    float v = 0.f;
+    for (size_t t = 0; t < count; ++t) v += a[t] * vals[t * stride + c];
+    out[c] = v;
+  }
+}
+
 bool cpuHasFast() {
   static const bool has = [] {
     __builtin_cpu_init();
@@ -626,8 +680,118 @@ bool cpuHasFast() {
   }();
   return has;
 }
+// ---------------------------------------------------------------------------
+// Batched Q8_0/Q4_0 products with AVX-512 VNNI (on 256-bit vectors): the
+// weights of 8 rows are repacked so that one 32-byte vector holds 4
+// consecutive weights of each of the 8 rows, and vpdpbusd adds their
+// products with 4 activation bytes broadcast to all rows, giving 8 rows'
+// block sums in one vector with no horizontal additions. vpdpbusd wants
+// unsigned activations, so they are stored plus 128 and each row's block
+// starts from -128 * (sum of its weights).
+
+#define LLAMA_VNNI __attribute__((target("avx2,fma,f16c,avx512f,avx512vl,avx512vnni")))
+
+bool cpuHasVnni() {
+  static const bool has = [] {
+    __builtin_cpu_init();
+    return cpuHasFast() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+           __builtin_cpu_supports("avx512vnni");
+  }();
+  return has;
+}
+
+// 8 rows of blocks: for block b, bytes [b][k / 4][row][k % 4], the scales
+// [b][row] and the corrections [b][row].
+struct Packed8 {
+  std::vector<int8_t> w;
+  std::vector<float> d;
+  std::vector<int32_t> corr;
+};
+
+// Rows [r0, r0 + 8) of W (rows past `rows` as zeros) into p.
+void pack8(DType t, const uint8_t* W, size_t rows, size_t cols, size_t r0, Packed8& p) {
+  const size_t blocks = cols / kBlock, rb = rowBytes(t, cols);
+  p.w.resize(blocks * 256);
+  p.d.resize(blocks * 8);
+  p.corr.resize(blocks * 8);
+  if (r0 + 8 > rows) {
+    std::fill(p.w.begin(), p.w.end(), int8_t(0));
+    std::fill(p.d.begin(), p.d.end(), 0.f);
+    std::fill(p.corr.begin(), p.corr.end(), 0);
+  }
+  for (size_t j = 0; j < 8 && r0 + j < rows; ++j) {
+    const uint8_t* row = W + (r0 + j) * rb;
+    for (size_t b = 0; b < blocks; ++b) {
+      int8_t q[kBlock];
+      if (t == kQ8_0) {
+        const uint8_t* blk = row + b * kQ8Bytes;
+        p.d[b * 8 + j] = f16ToF32(loadU16(blk));
+        std::memcpy(q, blk + 2, kBlock);
+      } else {
+        const uint8_t* blk = row + b * kQ4Bytes;
+        p.d[b * 8 + j] = f16ToF32(loadU16(blk));
+        for (size_t k = 0; k < 16; ++k) {
+          q[k] = int8_t((blk[2 + k] & 15) - 8);
+          q[k + 16] = int8_t((blk[2 + k] >> 4) - 8);
+        }
+      }
+      // Four bytes at a time to their place; the sum for the correction.
+      int8_t* dst = p.w.data() + b * 256 + j * 4;
+      for (size_t k4 = 0; k4 < 8; ++k4) std::memcpy(dst + 32 * k4, q + 4 * k4, 4);
+      int32_t sum = 0;
+      for (size_t k = 0; k < kBlock; ++k) sum += q[k];
+      p.corr[b * 8 + j] = -128 * sum;
+    }
+  }
+}
+
+// Y[i * ldy + r0 + j] for the 8 packed rows (j < live) and tokens [0, n):
+// xu holds each token's activations plus 128, dx their block scales.
+LLAMA_VNNI void tileVnni(const Packed8& p, size_t cols, const uint8_t* xu, const float* dx, size_t n, float* Y,
+                         size_t ldy, size_t r0, size_t live) {
+  const size_t blocks = cols / kBlock;
+  for (size_t i = 0; i < n; i += 4) {
+    const size_t ti[4] = {i, std::min(i + 1, n - 1), std::min(i + 2, n - 1), std::min(i + 3, n - 1)};
+    __m256 f0 = _mm256_setzero_ps(), f1 = _mm256_setzero_ps(), f2 = _mm256_setzero_ps(), f3 = _mm256_setzero_ps();
+    for (size_t b = 0; b < blocks; ++b) {
+      const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&p.corr[b * 8]));
+      __m256i a0 = c, a1 = c, a2 = c, a3 = c;
+      const int8_t* wb = p.w.data() + b * 256;
+      const uint8_t* x0 = xu + ti[0] * cols + b * kBlock;
+      const uint8_t* x1 = xu + ti[1] * cols + b * kBlock;
+      const uint8_t* x2 = xu + ti[2] * cols + b * kBlock;
+      const uint8_t* x3 = xu + ti[3] * cols + b * kBlock;
+      for (size_t k = 0; k < 8; ++k) {
+        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(wb + 32 * k));
+        int32_t v;
+        std::memcpy(&v, x0 + 4 * k, 4);
+        a0 = _mm256_dpbusd_epi32(a0, _mm256_set1_epi32(v), w);
+        std::memcpy(&v, x1 + 4 * k, 4);
+        a1 = _mm256_dpbusd_epi32(a1, _mm256_set1_epi32(v), w);
+        std::memcpy(&v, x2 + 4 * k, 4);
+        a2 = _mm256_dpbusd_epi32(a2, _mm256_set1_epi32(v), w);
+        std::memcpy(&v, x3 + 4 * k, 4);
+        a3 = _mm256_dpbusd_epi32(a3, _mm256_set1_epi32(v), w);
+      }
+      const __m256 d = _mm256_loadu_ps(&p.d[b * 8]);
+      f0 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[0] * blocks + b])), _mm256_cvtepi32_ps(a0), f0);
+      f1 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[1] * blocks + b])), _mm256_cvtepi32_ps(a1), f1);
+      f2 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[2] * blocks + b])), _mm256_cvtepi32_ps(a2), f2);
+      f3 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[3] * blocks + b])), _mm256_cvtepi32_ps(a3), f3);
+    }
+    alignas(32) float out[4][8];
+    _mm256_store_ps(out[0], f0);
+    _mm256_store_ps(out[1], f1);
+    _mm256_store_ps(out[2], f2);
+    _mm256_store_ps(out[3], f3);
+    for (size_t t = 0; t < 4 && i + t < n; ++t)
+      for (size_t j = 0; j < live; ++j) Y[(i + t) * ldy + r0 + j] = out[t][j];
+  }
+}
+
 #else
 bool cpuHasFast() { return false; }
+bool cpuHasVnni() { return false; }
 #endif
 
 // ---------------------------------------------------------------------------
@@ -645,6 +809,8 @@ struct Kernels {
   QuantRowsFn q8, q4, q2k, q3k, q4k, q5k, q6k;
   QuantiseFn quantise;
   TileFn tile;
+  void (*scores)(const float*, const float*, size_t, size_t, size_t, float, float*);
+  void (*mix)(const float*, const float*, size_t, size_t, size_t, float*);
 };
 
 constexpr Kernels kPortable = {"portable",
@@ -659,7 +825,9 @@ constexpr Kernels kPortable = {"portable",
                                rowsKPortable<kQ5_K>,
                                rowsKPortable<kQ6_K>,
                                quantisePortable,
-                               tilePortable};
+                               tilePortable,
+                               attnScoresPortable,
+                               attnMixPortable};
 #if LLAMA_KERNELS_X86
 constexpr Kernels kFast = {"avx2+fma+f16c",
                            rowsFloatFast<LoadF32>,
@@ -673,7 +841,9 @@ constexpr Kernels kFast = {"avx2+fma+f16c",
                            rowsKFast<kQ5_K>,
                            rowsKFast<kQ6_K>,
                            quantiseFast,
-                           tileFast};
+                           tileFast,
+                           attnScoresFast,
+                           attnMixFast};
 #endif
 
 std::atomic<bool> gForcePortable{false};
@@ -882,6 +1052,38 @@ void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, 
   pool.run(rows, [&](size_t b, size_t e) { fn(w, cols, qx, y, b, e); });
 }
 
+#if LLAMA_KERNELS_X86
+void matmulVnni(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* X, size_t n, float* Y) {
+  const size_t blocks = cols / kBlock;
+  thread_local std::vector<uint8_t> xu;
+  thread_local std::vector<float> dx;
+  xu.resize(n * cols);
+  dx.resize(n * blocks);
+  uint8_t* xup = xu.data();
+  float* dxp = dx.data();
+  pool.run(n, [&](size_t b, size_t e) {
+    QuantX& qx = threadQuantX();
+    qx.reserve(blocks);
+    for (size_t i = b; i < e; ++i) {
+      quantiseFast(X + i * cols, blocks, qx);
+      for (size_t c = 0; c < cols; ++c) xup[i * cols + c] = uint8_t(qx.q[c] + 128);
+      std::memcpy(dxp + i * blocks, qx.d.data(), blocks * sizeof(float));
+    }
+  });
+  // Groups of 8 rows, handed out one at a time.
+  const size_t groups = (rows + 7) / 8;
+  std::atomic<size_t> next{0};
+  const uint8_t* w = static_cast<const uint8_t*>(W);
+  pool.run(std::min<size_t>(pool.size(), groups), [&](size_t, size_t) {
+    thread_local Packed8 p;
+    for (size_t g; (g = next.fetch_add(1, std::memory_order_relaxed)) < groups;) {
+      pack8(t, w, rows, cols, g * 8, p);
+      tileVnni(p, cols, xup, dxp, n, Y, rows, g * 8, std::min<size_t>(8, rows - g * 8));
+    }
+  });
+}
+#endif
+
 void matmul(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* X, size_t n, float* Y) {
   if (n == 1) return matvec(pool, t, W, rows, cols, X, Y);
   if (rows == 0 || n == 0) return;
@@ -890,6 +1092,9 @@ void matmul(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, 
     for (size_t i = 0; i < n; ++i) fillNaN(Y + i * rows, 0, rows);
     return;
   }
+#if LLAMA_KERNELS_X86
+  if ((t == kQ8_0 || t == kQ4_0) && &k != &kPortable && cpuHasVnni()) return matmulVnni(pool, t, W, rows, cols, X, n, Y);
+#endif
   // The quantised types see x as its 8-bit blocks, as matvec does.
   thread_local std::vector<float> xr;
   if (blockElems(t) > 1) {
@@ -913,10 +1118,13 @@ void matmul(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, 
   const uint8_t* w = static_cast<const uint8_t*>(W);
   const size_t rb = rowBytes(t, cols);
   const bool fastQ8 = t == kQ8_0 && &k != &kPortable;
-  pool.run(chunks, [&](size_t b, size_t e) {
+  // Threads take blocks one at a time, so one that runs slow (on a busy
+  // machine) holds up nothing.
+  std::atomic<size_t> next{0};
+  pool.run(std::min<size_t>(pool.size(), chunks), [&](size_t, size_t) {
     thread_local std::vector<float> wf;
     wf.resize(chunk * cols);
-    for (size_t c = b; c < e; ++c) {
+    for (size_t c; (c = next.fetch_add(1, std::memory_order_relaxed)) < chunks;) {
       const size_t r0 = c * chunk, nr = std::min(chunk, rows - r0);
       for (size_t r = 0; r < nr; ++r) {
 #if LLAMA_KERNELS_X86
@@ -969,6 +1177,14 @@ void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out) {
       return;
   }
   fillNaN(out, 0, cols);
+}
+
+void attnScores(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale, float* scores) {
+  kernels().scores(q, keys, stride, count, n, scale, scores);
+}
+
+void attnMix(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out) {
+  kernels().mix(a, vals, stride, count, n, out);
 }
 
 const char* kernelPath() { return kernels().name; }

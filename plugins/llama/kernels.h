@@ -43,6 +43,12 @@ float bf16ToF32(uint16_t h);
 // accumulate in f32 without rounding x.
 void matvecRows(DType t, const void* W, size_t cols, const float* x, float* y, size_t r0, size_t r1);
 
+// Attention over `count` cached rows, `stride` floats apart, of which the
+// first n floats are read: scores[t] = scale * dot(q, keys[t]), and
+// out = sum_t a[t] * vals[t].
+void attnScores(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale, float* scores);
+void attnMix(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out);
+
 // Row `row` of W as f32 into out[0, cols).
 void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out);
 

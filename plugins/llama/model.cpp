@@ -1,6 +1,7 @@
 #include "plugins/llama/model.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
@@ -232,39 +233,42 @@ void Model::attention(uint32_t l, size_t n, uint32_t pos) {
   float* keys = att_.data();
   float* vals = att_.data() + size_t(cacheLen_) * h.kvDim;
   const size_t last = pos + n;  // positions [0, last) are in the cache
-  // The cached keys and values of every position so far, as floats.
+  // The cached keys and values of every position so far, as floats, each
+  // KV head's rows together: [kv head][position][headDim].
+  const size_t headStride = size_t(cacheLen_) * h.headDim;
   pool_->run(last, [&](size_t b, size_t e) {
-    for (size_t t = b; t < e; ++t) {
-      loadKvRow(kCache_[l], t, keys + t * h.kvDim);
-      loadKvRow(vCache_[l], t, vals + t * h.kvDim);
-    }
+    thread_local std::vector<float> row;
+    row.resize(h.kvDim);
+    for (size_t t = b; t < e; ++t)
+      for (int kv = 0; kv < 2; ++kv) {
+        loadKvRow(kv ? vCache_[l] : kCache_[l], t, row.data());
+        float* dst = (kv ? vals : keys) + t * h.headDim;
+        for (uint32_t g = 0; g < h.kvHeads; ++g)
+          std::memcpy(dst + g * headStride, row.data() + size_t(g) * h.headDim, h.headDim * sizeof(float));
+      }
   });
-  pool_->run(n * h.heads, [&](size_t b, size_t e) {
-    thread_local std::vector<float> sc;
-    sc.resize(cacheLen_);
-    for (size_t item = b; item < e; ++item) {
+  // Later rows attend to more positions: the threads take (row, head)
+  // items one by one, longest first, so they finish together.
+  std::atomic<size_t> next{0};
+  const size_t items = n * h.heads;
+  pool_->run(pool_->size(), [&](size_t, size_t) {
+    thread_local std::vector<float> scratch;
+    scratch.resize(cacheLen_);
+    float* sc = scratch.data();
+    for (size_t k; (k = next.fetch_add(1, std::memory_order_relaxed)) < items;) {
+      const size_t item = items - 1 - k;
       const size_t i = item / h.heads, hd = item % h.heads;
       const size_t upto = pos + i;  // the row's own position, inclusive
       const float* q = q_.data() + i * h.qDim + hd * h.headDim;
-      const size_t kvOff = (hd / group) * h.headDim;
+      const size_t kvOff = (hd / group) * headStride;
+      attnScores(q, keys + kvOff, h.headDim, upto + 1, h.headDim, attScale, sc);
       float maxv = -INFINITY;
-      for (size_t t = 0; t <= upto; ++t) {
-        const float* k = keys + t * h.kvDim + kvOff;
-        float dot = 0;
-        for (uint32_t c = 0; c < h.headDim; ++c) dot += q[c] * k[c];
-        sc[t] = dot * attScale;
-        maxv = std::max(maxv, sc[t]);
-      }
+      for (size_t t = 0; t <= upto; ++t) maxv = std::max(maxv, sc[t]);
       double sum = 0;
       for (size_t t = 0; t <= upto; ++t) sum += (sc[t] = std::exp(sc[t] - maxv));
       const float inv = float(1.0 / sum);
-      float* out = attOut_.data() + i * h.qDim + hd * h.headDim;
-      std::fill(out, out + h.headDim, 0.0f);
-      for (size_t t = 0; t <= upto; ++t) {
-        const float a = sc[t] * inv;
-        const float* v = vals + t * h.kvDim + kvOff;
-        for (uint32_t c = 0; c < h.headDim; ++c) out[c] += a * v[c];
-      }
+      for (size_t t = 0; t <= upto; ++t) sc[t] *= inv;
+      attnMix(sc, vals + kvOff, h.headDim, upto + 1, h.headDim, attOut_.data() + i * h.qDim + hd * h.headDim);
     }
   });
 }
