@@ -280,7 +280,8 @@ int32_t generate(void* handle, const char* prompt, const ZANGenParams* params, c
   configureFrom(s, params);
   s.pos = 0;
   const llama::Tokenizer& tok = s.model.tokenizer();
-  std::vector<int32_t> tokens = tok.encode(prompt ? prompt : "", tok.addBos());
+  // Control tokens the file marks (such as "<|im_start|>") stay whole.
+  std::vector<int32_t> tokens = tok.encode(prompt ? prompt : "", tok.addBos(), true);
   if (tokens.empty() && tok.bos() >= 0) tokens.push_back(tok.bos());
   if (tokens.empty() || !feed(s, tokens)) {
     if (!tokens.empty()) tooLong(s, tokens.size());
