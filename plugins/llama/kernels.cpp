@@ -147,14 +147,18 @@ struct Unpacked {
   float scale[16], min[16];
 };
 
-void unpackQ2K(const uint8_t* p, Unpacked& u) {
+void unpackScalesQ2K(const uint8_t* p, Unpacked& u) {
   const uint8_t* sc = p;
-  const uint8_t* qs = p + 16;
   const float d = f16ToF32(loadU16(p + 80)), dmin = f16ToF32(loadU16(p + 82));
   for (int g = 0; g < 16; ++g) {
     u.scale[g] = d * float(sc[g] & 15);
     u.min[g] = dmin * float(sc[g] >> 4);
   }
+}
+
+void unpackQ2K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* qs = p + 16;
+  unpackScalesQ2K(p, u);
   // Each half of 128 weights takes 32 bytes; weight 32 * j + k of the half
   // is bits 2j..2j+1 of byte k.
   for (int h = 0; h < 2; ++h)
@@ -162,9 +166,7 @@ void unpackQ2K(const uint8_t* p, Unpacked& u) {
       for (int k = 0; k < 32; ++k) u.q[128 * h + 32 * j + k] = int8_t((qs[32 * h + k] >> (2 * j)) & 3);
 }
 
-void unpackQ3K(const uint8_t* p, Unpacked& u) {
-  const uint8_t* hmask = p;
-  const uint8_t* qs = p + 32;
+void unpackScalesQ3K(const uint8_t* p, Unpacked& u) {
   const uint8_t* sc = p + 96;
   const float d = f16ToF32(loadU16(p + 108));
   for (int g = 0; g < 16; ++g) {
@@ -173,6 +175,12 @@ void unpackQ3K(const uint8_t* p, Unpacked& u) {
     u.scale[g] = d * float((low | high << 4) - 32);
     u.min[g] = 0.f;
   }
+}
+
+void unpackQ3K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* hmask = p;
+  const uint8_t* qs = p + 32;
+  unpackScalesQ3K(p, u);
   // As Q2_K for the low bits; the high bit of weight 32 * j + k of half h
   // is bit 4h + j of hmask[k], and a clear bit subtracts 4.
   for (int h = 0; h < 2; ++h)
@@ -198,18 +206,21 @@ inline void scaleMinK4(const uint8_t* s, int j, int& sc, int& m) {
 // Q4_K and Q5_K: chunk c of 64 weights takes 32 bytes of qs, low nibbles
 // first (group 2c), then high nibbles (group 2c + 1); Q5_K's fifth bits are
 // bits 2c and 2c + 1 of qh[k].
-template <bool kFive>
-void unpackQ45K(const uint8_t* p, Unpacked& u) {
+void unpackScalesQ45K(const uint8_t* p, Unpacked& u) {
   const float d = f16ToF32(loadU16(p)), dmin = f16ToF32(loadU16(p + 2));
-  const uint8_t* sc = p + 4;
-  const uint8_t* qh = p + 16;
-  const uint8_t* qs = p + (kFive ? 48 : 16);
   for (int j = 0; j < 8; ++j) {
     int s, m;
-    scaleMinK4(sc, j, s, m);
+    scaleMinK4(p + 4, j, s, m);
     u.scale[2 * j] = u.scale[2 * j + 1] = d * float(s);
     u.min[2 * j] = u.min[2 * j + 1] = dmin * float(m);
   }
+}
+
+template <bool kFive>
+void unpackQ45K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* qh = p + 16;
+  const uint8_t* qs = p + (kFive ? 48 : 16);
+  unpackScalesQ45K(p, u);
   for (int c = 0; c < 4; ++c)
     for (int k = 0; k < 32; ++k) {
       int lo = qs[32 * c + k] & 15, hi = qs[32 * c + k] >> 4;
@@ -222,15 +233,19 @@ void unpackQ45K(const uint8_t* p, Unpacked& u) {
     }
 }
 
-void unpackQ6K(const uint8_t* p, Unpacked& u) {
-  const uint8_t* ql = p;
-  const uint8_t* qh = p + 128;
+void unpackScalesQ6K(const uint8_t* p, Unpacked& u) {
   const auto* sc = reinterpret_cast<const int8_t*>(p + 192);
   const float d = f16ToF32(loadU16(p + 208));
   for (int g = 0; g < 16; ++g) {
     u.scale[g] = d * float(sc[g]);
     u.min[g] = 0.f;
   }
+}
+
+void unpackQ6K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* ql = p;
+  const uint8_t* qh = p + 128;
+  unpackScalesQ6K(p, u);
   // Half h: 64 bytes of ql and 32 of qh. Weight 32 * j + k takes the low
   // (j < 2) or high (j >= 2) nibble of ql[32 * (j & 1) + k] and bits
   // 2j..2j+1 of qh[k], less 32.
@@ -550,20 +565,69 @@ LLAMA_FAST void rowsFloatFast(const uint8_t* W, size_t cols, const float* x, flo
   }
 }
 
+// unpack() with the integers 32 at a time (the scales stay scalar): the
+// same values as the portable unpackers.
+LLAMA_FAST inline __m256i bits(__m256i v, int shift, uint8_t mask) {
+  return _mm256_and_si256(_mm256_srli_epi16(v, shift), _mm256_set1_epi8(char(mask)));
+}
+
+template <DType kT>
+LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u) {
+  auto store = [&u](size_t at, __m256i v) LLAMA_FAST { _mm256_store_si256(reinterpret_cast<__m256i*>(u.q + at), v); };
+  auto load = [p](size_t at) LLAMA_FAST { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + at)); };
+  if constexpr (kT == kQ2_K || kT == kQ3_K) {
+    // Scales (and the float conversion) as the portable path does them.
+    (kT == kQ2_K ? unpackScalesQ2K : unpackScalesQ3K)(p, u);
+    const __m256i hmask = load(0);
+    for (int h = 0; h < 2; ++h) {
+      const __m256i qs = load(kT == kQ2_K ? 16 + 32 * h : 32 + 32 * h);
+      for (int j = 0; j < 4; ++j) {
+        __m256i q = bits(qs, 2 * j, 3);
+        if (kT == kQ3_K)  // a clear high bit subtracts 4
+          q = _mm256_sub_epi8(_mm256_or_si256(q, _mm256_slli_epi16(bits(hmask, 4 * h + j, 1), 2)), _mm256_set1_epi8(4));
+        store(128 * h + 32 * j, q);
+      }
+    }
+  } else if constexpr (kT == kQ4_K || kT == kQ5_K) {
+    unpackScalesQ45K(p, u);
+    const __m256i qh = load(16);
+    for (int c = 0; c < 4; ++c) {
+      const __m256i qs = load((kT == kQ5_K ? 48 : 16) + 32 * c);
+      __m256i lo = bits(qs, 0, 15), hi = bits(qs, 4, 15);
+      if (kT == kQ5_K) {
+        lo = _mm256_or_si256(lo, _mm256_slli_epi16(bits(qh, 2 * c, 1), 4));
+        hi = _mm256_or_si256(hi, _mm256_slli_epi16(bits(qh, 2 * c + 1, 1), 4));
+      }
+      store(64 * c, lo);
+      store(64 * c + 32, hi);
+    }
+  } else {
+    unpackScalesQ6K(p, u);
+    for (int h = 0; h < 2; ++h) {
+      const __m256i qh = load(128 + 32 * h);
+      for (int j = 0; j < 4; ++j) {
+        const __m256i l = load(64 * h + 32 * (j & 1));
+        const __m256i lo = j < 2 ? bits(l, 0, 15) : bits(l, 4, 15);
+        const __m256i q = _mm256_or_si256(lo, _mm256_slli_epi16(bits(qh, 2 * j, 3), 4));
+        store(128 * h + 32 * j, _mm256_sub_epi8(q, _mm256_set1_epi8(32)));
+      }
+    }
+  }
+}
+
 // K-quant rows: each super-block is unpacked, then 32 weights a step; the
 // two groups of 16 in a step are the low and high 128-bit halves of the
 // integer dot product, so one vector of two scales serves both.
 template <DType kT>
 LLAMA_FAST void rowsKFast(const uint8_t* W, size_t cols, const QuantX& qx, float* y, size_t r0, size_t r1) {
   const size_t supers = cols / kSuper, bytes = superBytes(kT);
-  const UnpackFn unpack = unpacker(kT);
   alignas(32) Unpacked u;
   for (size_t r = r0; r < r1; ++r) {
     const uint8_t* p = W + r * supers * bytes;
     __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
     float mins = 0.f;
     for (size_t s = 0; s < supers; ++s, p += bytes) {
-      unpack(p, u);
+      unpackFast<kT>(p, u);
       const int8_t* xq = qx.q.data() + s * kSuper;
       const float* dx = qx.d.data() + s * 8;
       const int32_t* xs = qx.sum16.data() + s * 16;
