@@ -79,18 +79,23 @@ struct QuantX {
   std::vector<float> d;
   std::vector<int32_t> bias;
   std::vector<int32_t> sum16;  // sum of q per 16 elements (K-quants only)
+  std::vector<float> d16, m16;  // per 16 elements: d of its block, and d * sum16
   void reserve(size_t blocks) {
     if (d.size() >= blocks) return;
     q.resize(blocks * kBlock);
     d.resize(blocks);
     bias.resize(blocks * 8);
     sum16.resize(blocks * 2);
+    d16.resize(blocks * 2);
+    m16.resize(blocks * 2);
   }
   void fillSums(size_t blocks) {
     for (size_t g = 0; g < 2 * blocks; ++g) {
       int32_t t = 0;
       for (size_t i = 0; i < 16; ++i) t += q[g * 16 + i];
       sum16[g] = t;
+      d16[g] = d[g / 2];
+      m16[g] = d[g / 2] * float(t);
     }
   }
 };
@@ -142,14 +147,15 @@ size_t superBytes(DType t) {
 bool isKQuant(DType t) { return superBytes(t) != 0; }
 
 // One super-block as w[i] = scale[i / 16] * q[i] - min[i / 16].
-struct Unpacked {
+struct alignas(32) Unpacked {
   int8_t q[kSuper];
   float scale[16], min[16];
 };
 
-void unpackScalesQ2K(const uint8_t* p, Unpacked& u) {
+// The scales given the super-block's f16 scales as floats (d at the
+// offset each layout keeps it; dmin after it).
+void scalesQ2K(const uint8_t* p, float d, float dmin, Unpacked& u) {
   const uint8_t* sc = p;
-  const float d = f16ToF32(loadU16(p + 80)), dmin = f16ToF32(loadU16(p + 82));
   for (int g = 0; g < 16; ++g) {
     u.scale[g] = d * float(sc[g] & 15);
     u.min[g] = dmin * float(sc[g] >> 4);
@@ -158,7 +164,7 @@ void unpackScalesQ2K(const uint8_t* p, Unpacked& u) {
 
 void unpackQ2K(const uint8_t* p, Unpacked& u) {
   const uint8_t* qs = p + 16;
-  unpackScalesQ2K(p, u);
+  scalesQ2K(p, f16ToF32(loadU16(p + 80)), f16ToF32(loadU16(p + 82)), u);
   // Each half of 128 weights takes 32 bytes; weight 32 * j + k of the half
   // is bits 2j..2j+1 of byte k.
   for (int h = 0; h < 2; ++h)
@@ -166,9 +172,8 @@ void unpackQ2K(const uint8_t* p, Unpacked& u) {
       for (int k = 0; k < 32; ++k) u.q[128 * h + 32 * j + k] = int8_t((qs[32 * h + k] >> (2 * j)) & 3);
 }
 
-void unpackScalesQ3K(const uint8_t* p, Unpacked& u) {
+void scalesQ3K(const uint8_t* p, float d, float, Unpacked& u) {
   const uint8_t* sc = p + 96;
-  const float d = f16ToF32(loadU16(p + 108));
   for (int g = 0; g < 16; ++g) {
     const int low = g < 8 ? sc[g] & 15 : sc[g - 8] >> 4;
     const int high = (sc[8 + g % 4] >> (2 * (g / 4))) & 3;
@@ -180,7 +185,7 @@ void unpackScalesQ3K(const uint8_t* p, Unpacked& u) {
 void unpackQ3K(const uint8_t* p, Unpacked& u) {
   const uint8_t* hmask = p;
   const uint8_t* qs = p + 32;
-  unpackScalesQ3K(p, u);
+  scalesQ3K(p, f16ToF32(loadU16(p + 108)), 0.f, u);
   // As Q2_K for the low bits; the high bit of weight 32 * j + k of half h
   // is bit 4h + j of hmask[k], and a clear bit subtracts 4.
   for (int h = 0; h < 2; ++h)
@@ -206,8 +211,7 @@ inline void scaleMinK4(const uint8_t* s, int j, int& sc, int& m) {
 // Q4_K and Q5_K: chunk c of 64 weights takes 32 bytes of qs, low nibbles
 // first (group 2c), then high nibbles (group 2c + 1); Q5_K's fifth bits are
 // bits 2c and 2c + 1 of qh[k].
-void unpackScalesQ45K(const uint8_t* p, Unpacked& u) {
-  const float d = f16ToF32(loadU16(p)), dmin = f16ToF32(loadU16(p + 2));
+void scalesQ45K(const uint8_t* p, float d, float dmin, Unpacked& u) {
   for (int j = 0; j < 8; ++j) {
     int s, m;
     scaleMinK4(p + 4, j, s, m);
@@ -220,7 +224,7 @@ template <bool kFive>
 void unpackQ45K(const uint8_t* p, Unpacked& u) {
   const uint8_t* qh = p + 16;
   const uint8_t* qs = p + (kFive ? 48 : 16);
-  unpackScalesQ45K(p, u);
+  scalesQ45K(p, f16ToF32(loadU16(p)), f16ToF32(loadU16(p + 2)), u);
   for (int c = 0; c < 4; ++c)
     for (int k = 0; k < 32; ++k) {
       int lo = qs[32 * c + k] & 15, hi = qs[32 * c + k] >> 4;
@@ -233,9 +237,8 @@ void unpackQ45K(const uint8_t* p, Unpacked& u) {
     }
 }
 
-void unpackScalesQ6K(const uint8_t* p, Unpacked& u) {
+void scalesQ6K(const uint8_t* p, float d, float, Unpacked& u) {
   const auto* sc = reinterpret_cast<const int8_t*>(p + 192);
-  const float d = f16ToF32(loadU16(p + 208));
   for (int g = 0; g < 16; ++g) {
     u.scale[g] = d * float(sc[g]);
     u.min[g] = 0.f;
@@ -245,7 +248,7 @@ void unpackScalesQ6K(const uint8_t* p, Unpacked& u) {
 void unpackQ6K(const uint8_t* p, Unpacked& u) {
   const uint8_t* ql = p;
   const uint8_t* qh = p + 128;
-  unpackScalesQ6K(p, u);
+  scalesQ6K(p, f16ToF32(loadU16(p + 208)), 0.f, u);
   // Half h: 64 bytes of ql and 32 of qh. Weight 32 * j + k takes the low
   // (j < 2) or high (j >= 2) nibble of ql[32 * (j & 1) + k] and bits
   // 2j..2j+1 of qh[k], less 32.
@@ -577,7 +580,8 @@ LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u) {
   auto load = [p](size_t at) LLAMA_FAST { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + at)); };
   if constexpr (kT == kQ2_K || kT == kQ3_K) {
     // Scales (and the float conversion) as the portable path does them.
-    (kT == kQ2_K ? unpackScalesQ2K : unpackScalesQ3K)(p, u);
+    if (kT == kQ2_K) scalesQ2K(p, _cvtsh_ss(loadU16(p + 80)), _cvtsh_ss(loadU16(p + 82)), u);
+    else scalesQ3K(p, _cvtsh_ss(loadU16(p + 108)), 0.f, u);
     const __m256i hmask = load(0);
     for (int h = 0; h < 2; ++h) {
       const __m256i qs = load(kT == kQ2_K ? 16 + 32 * h : 32 + 32 * h);
@@ -589,7 +593,7 @@ LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u) {
       }
     }
   } else if constexpr (kT == kQ4_K || kT == kQ5_K) {
-    unpackScalesQ45K(p, u);
+    scalesQ45K(p, _cvtsh_ss(loadU16(p)), _cvtsh_ss(loadU16(p + 2)), u);
     const __m256i qh = load(16);
     for (int c = 0; c < 4; ++c) {
       const __m256i qs = load((kT == kQ5_K ? 48 : 16) + 32 * c);
@@ -602,7 +606,7 @@ LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u) {
       store(64 * c + 32, hi);
     }
   } else {
-    unpackScalesQ6K(p, u);
+    scalesQ6K(p, _cvtsh_ss(loadU16(p + 208)), 0.f, u);
     for (int h = 0; h < 2; ++h) {
       const __m256i qh = load(128 + 32 * h);
       for (int j = 0; j < 4; ++j) {
@@ -624,23 +628,29 @@ LLAMA_FAST void rowsKFast(const uint8_t* W, size_t cols, const QuantX& qx, float
   alignas(32) Unpacked u;
   for (size_t r = r0; r < r1; ++r) {
     const uint8_t* p = W + r * supers * bytes;
-    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps();
-    float mins = 0.f;
+    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps(), accM = _mm256_setzero_ps();
     for (size_t s = 0; s < supers; ++s, p += bytes) {
       unpackFast<kT>(p, u);
       const int8_t* xq = qx.q.data() + s * kSuper;
-      const float* dx = qx.d.data() + s * 8;
-      const int32_t* xs = qx.sum16.data() + s * 16;
+      // Scale products of groups 0..7 and 8..15; block b takes groups 2b
+      // and 2b + 1 into its two halves.
+      const __m256 lo = _mm256_mul_ps(_mm256_load_ps(u.scale), _mm256_loadu_ps(&qx.d16[s * 16]));
+      const __m256 hi = _mm256_mul_ps(_mm256_load_ps(u.scale + 8), _mm256_loadu_ps(&qx.d16[s * 16 + 8]));
       for (size_t b = 0; b < 8; b += 2) {
-        const __m256 s0 = _mm256_set_m128(_mm_set1_ps(u.scale[2 * b + 1] * dx[b]), _mm_set1_ps(u.scale[2 * b] * dx[b]));
+        const __m256 src = b < 4 ? lo : hi;
+        const int g = int(2 * (b % 4));
+        const __m256 s0 = _mm256_permutevar8x32_ps(src, _mm256_setr_epi32(g, g, g, g, g + 1, g + 1, g + 1, g + 1));
         const __m256 s1 =
-            _mm256_set_m128(_mm_set1_ps(u.scale[2 * b + 3] * dx[b + 1]), _mm_set1_ps(u.scale[2 * b + 2] * dx[b + 1]));
+            _mm256_permutevar8x32_ps(src, _mm256_setr_epi32(g + 2, g + 2, g + 2, g + 2, g + 3, g + 3, g + 3, g + 3));
         acc0 = _mm256_fmadd_ps(s0, _mm256_cvtepi32_ps(dotI8(loadI8(u.q + 32 * b), loadI8(xq + 32 * b))), acc0);
         acc1 = _mm256_fmadd_ps(s1, _mm256_cvtepi32_ps(dotI8(loadI8(u.q + 32 * b + 32), loadI8(xq + 32 * b + 32))), acc1);
       }
-      for (size_t g = 0; g < 16; ++g) mins += u.min[g] * dx[g / 2] * float(xs[g]);
+      if (kT == kQ2_K || kT == kQ4_K || kT == kQ5_K) {
+        accM = _mm256_fmadd_ps(_mm256_load_ps(u.min), _mm256_loadu_ps(&qx.m16[s * 16]), accM);
+        accM = _mm256_fmadd_ps(_mm256_load_ps(u.min + 8), _mm256_loadu_ps(&qx.m16[s * 16 + 8]), accM);
+      }
     }
-    y[r] = hsum(_mm256_add_ps(acc0, acc1)) - mins;
+    y[r] = hsum(_mm256_add_ps(acc0, acc1)) - hsum(accM);
   }
 }
 

@@ -16,7 +16,9 @@ Like the runtime, the reference keeps cached keys and values as halves.
 
 Then prompts of 1, 31, 32, 33 and 500 tokens go through the runtime one
 token at a time and in batches (of 32, so batch edges fall inside, and of
-512): the logits after the last token must agree within rounding.
+512): the logits after the last token must agree within rounding (1e-4 for
+float weights; 5e-3 for quantised ones, whose 8-bit activations may round a
+value the other way).
 """
 import argparse
 import ctypes
@@ -283,9 +285,12 @@ def main():
     prompt.argtypes = [ctypes.c_char_p, ctypes.POINTER(ctypes.c_int32), ctypes.c_int, ctypes.POINTER(ctypes.c_float),
                        ctypes.POINTER(ctypes.c_double), ctypes.c_char_p]
     rng = np.random.default_rng(5)
-    for name, args in (("batch-q8_0", small + ["--type", "q8_0", "--ctx", "512"]),
-                       ("batch-f16", small + ["--type", "f16", "--ctx", "512", "--arch", "qwen2"]),
-                       ("batch-q4_k", wide + ["--type", "q4_k", "--ctx", "512", "--layers", "1"])):
+    # Float weights differ only in the order of additions; with quantised
+    # weights a value next to a rounding edge of the 8-bit activations may
+    # round the other way, one step of 1/127 of its block.
+    for name, args, limit in (("batch-q8_0", small + ["--type", "q8_0", "--ctx", "512"], 5e-3),
+                              ("batch-f16", small + ["--type", "f16", "--ctx", "512", "--arch", "qwen2"], 1e-4),
+                              ("batch-q4_k", wide + ["--type", "q4_k", "--ctx", "512", "--layers", "1"], 5e-3)):
         _, zz = make(name, args)
         if not zz:
             failed += 1
@@ -302,9 +307,9 @@ def main():
                 failed += 1
                 continue
             err = max(np.max(np.abs(o - outs[0])) / np.max(np.abs(outs[0])) for o in outs[1:])
-            ok = err <= 1e-4
+            ok = err <= limit
             print(("ok   " if ok else "FAIL ") + f"{name} n={n}: batched vs one at a time, max relative difference "
-                  f"{err:.1e} (limit 1e-4)")
+                  f"{err:.1e} (limit {limit:.0e})")
             failed += not ok
     return 1 if failed else 0
 
