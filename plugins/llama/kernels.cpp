@@ -765,6 +765,19 @@ bool cpuHasFast() {
 
 #define LLAMA_VNNI __attribute__((target("avx2,fma,f16c,avx512f,avx512vl,avx512vnni")))
 
+template <DType kT>
+LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u);
+
+LLAMA_FAST void unpackWith(DType t, const uint8_t* p, Unpacked& u) {
+  switch (t) {
+    case kQ2_K: return unpackFast<kQ2_K>(p, u);
+    case kQ3_K: return unpackFast<kQ3_K>(p, u);
+    case kQ4_K: return unpackFast<kQ4_K>(p, u);
+    case kQ5_K: return unpackFast<kQ5_K>(p, u);
+    default: return unpackFast<kQ6_K>(p, u);
+  }
+}
+
 bool cpuHasVnni() {
   static const bool has = [] {
     __builtin_cpu_init();
@@ -774,90 +787,102 @@ bool cpuHasVnni() {
   return has;
 }
 
-// 8 rows of blocks: for block b, bytes [b][k / 4][row][k % 4], the scales
-// [b][row] and the corrections [b][row].
+// 8 rows in groups of G weights (32 for Q8_0/Q4_0, 16 for the K-quants,
+// whose groups also carry an offset): for group g, bytes
+// [g][k / 4][row][k % 4], the scales [g][row], the offsets [g][row] (K
+// only) and the corrections [g][row].
 struct Packed8 {
+  size_t group = 32;
+  bool offsets = false;
   std::vector<int8_t> w;
-  std::vector<float> d;
+  std::vector<float> d, m;
   std::vector<int32_t> corr;
 };
 
 // Rows [r0, r0 + 8) of W (rows past `rows` as zeros) into p.
-void pack8(DType t, const uint8_t* W, size_t rows, size_t cols, size_t r0, Packed8& p) {
-  const size_t blocks = cols / kBlock, rb = rowBytes(t, cols);
-  p.w.resize(blocks * 256);
-  p.d.resize(blocks * 8);
-  p.corr.resize(blocks * 8);
+LLAMA_VNNI void pack8(DType t, const uint8_t* W, size_t rows, size_t cols, size_t r0, Packed8& p) {
+  const bool k = isKQuant(t);
+  p.group = k ? 16 : kBlock;
+  p.offsets = t == kQ2_K || t == kQ4_K || t == kQ5_K;
+  const size_t groups = cols / p.group, rb = rowBytes(t, cols);
+  p.w.resize(cols * 8);
+  p.d.resize(groups * 8);
+  p.m.resize(groups * 8);
+  p.corr.resize(groups * 8);
   if (r0 + 8 > rows) {
     std::fill(p.w.begin(), p.w.end(), int8_t(0));
     std::fill(p.d.begin(), p.d.end(), 0.f);
+    std::fill(p.m.begin(), p.m.end(), 0.f);
     std::fill(p.corr.begin(), p.corr.end(), 0);
   }
+  alignas(32) Unpacked u;
   for (size_t j = 0; j < 8 && r0 + j < rows; ++j) {
     const uint8_t* row = W + (r0 + j) * rb;
-    for (size_t b = 0; b < blocks; ++b) {
+    for (size_t g = 0; g < groups; ++g) {
       int8_t q[kBlock];
-      if (t == kQ8_0) {
-        const uint8_t* blk = row + b * kQ8Bytes;
-        p.d[b * 8 + j] = f16ToF32(loadU16(blk));
-        std::memcpy(q, blk + 2, kBlock);
+      const int8_t* src = q;
+      if (k) {
+        if (g % 16 == 0) unpackWith(t, row + (g / 16) * superBytes(t), u);
+        src = u.q + (g % 16) * 16;
+        p.d[g * 8 + j] = u.scale[g % 16];
+        p.m[g * 8 + j] = u.min[g % 16];
+      } else if (t == kQ8_0) {
+        const uint8_t* blk = row + g * kQ8Bytes;
+        p.d[g * 8 + j] = _cvtsh_ss(loadU16(blk));
+        src = reinterpret_cast<const int8_t*>(blk + 2);
       } else {
-        const uint8_t* blk = row + b * kQ4Bytes;
-        p.d[b * 8 + j] = f16ToF32(loadU16(blk));
-        for (size_t k = 0; k < 16; ++k) {
-          q[k] = int8_t((blk[2 + k] & 15) - 8);
-          q[k + 16] = int8_t((blk[2 + k] >> 4) - 8);
+        const uint8_t* blk = row + g * kQ4Bytes;
+        p.d[g * 8 + j] = _cvtsh_ss(loadU16(blk));
+        for (size_t i = 0; i < 16; ++i) {
+          q[i] = int8_t((blk[2 + i] & 15) - 8);
+          q[i + 16] = int8_t((blk[2 + i] >> 4) - 8);
         }
       }
       // Four bytes at a time to their place; the sum for the correction.
-      int8_t* dst = p.w.data() + b * 256 + j * 4;
-      for (size_t k4 = 0; k4 < 8; ++k4) std::memcpy(dst + 32 * k4, q + 4 * k4, 4);
+      int8_t* dst = p.w.data() + g * p.group * 8 + j * 4;
+      for (size_t k4 = 0; k4 < p.group / 4; ++k4) std::memcpy(dst + 32 * k4, src + 4 * k4, 4);
       int32_t sum = 0;
-      for (size_t k = 0; k < kBlock; ++k) sum += q[k];
-      p.corr[b * 8 + j] = -128 * sum;
+      for (size_t i = 0; i < p.group; ++i) sum += src[i];
+      p.corr[g * 8 + j] = -128 * sum;
     }
   }
 }
 
 // Y[i * ldy + r0 + j] for the 8 packed rows (j < live) and tokens [0, n):
-// xu holds each token's activations plus 128, dx their block scales.
-LLAMA_VNNI void tileVnni(const Packed8& p, size_t cols, const uint8_t* xu, const float* dx, size_t n, float* Y,
-                         size_t ldy, size_t r0, size_t live) {
-  const size_t blocks = cols / kBlock;
+// xu holds each token's activations plus 128, dx their scales per block of
+// 32 and m16 (K offsets only) the scale times the sum of each 16.
+template <size_t kGroup>
+LLAMA_VNNI void tileVnni(const Packed8& p, size_t cols, const uint8_t* xu, const float* dx, const float* m16, size_t n,
+                         float* Y, size_t ldy, size_t r0, size_t live) {
+  const size_t groups = cols / kGroup, blocks = cols / kBlock;
   for (size_t i = 0; i < n; i += 4) {
     const size_t ti[4] = {i, std::min(i + 1, n - 1), std::min(i + 2, n - 1), std::min(i + 3, n - 1)};
-    __m256 f0 = _mm256_setzero_ps(), f1 = _mm256_setzero_ps(), f2 = _mm256_setzero_ps(), f3 = _mm256_setzero_ps();
-    for (size_t b = 0; b < blocks; ++b) {
-      const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&p.corr[b * 8]));
-      __m256i a0 = c, a1 = c, a2 = c, a3 = c;
-      const int8_t* wb = p.w.data() + b * 256;
-      const uint8_t* x0 = xu + ti[0] * cols + b * kBlock;
-      const uint8_t* x1 = xu + ti[1] * cols + b * kBlock;
-      const uint8_t* x2 = xu + ti[2] * cols + b * kBlock;
-      const uint8_t* x3 = xu + ti[3] * cols + b * kBlock;
-      for (size_t k = 0; k < 8; ++k) {
-        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(wb + 32 * k));
-        int32_t v;
-        std::memcpy(&v, x0 + 4 * k, 4);
-        a0 = _mm256_dpbusd_epi32(a0, _mm256_set1_epi32(v), w);
-        std::memcpy(&v, x1 + 4 * k, 4);
-        a1 = _mm256_dpbusd_epi32(a1, _mm256_set1_epi32(v), w);
-        std::memcpy(&v, x2 + 4 * k, 4);
-        a2 = _mm256_dpbusd_epi32(a2, _mm256_set1_epi32(v), w);
-        std::memcpy(&v, x3 + 4 * k, 4);
-        a3 = _mm256_dpbusd_epi32(a3, _mm256_set1_epi32(v), w);
+    __m256 f[4] = {_mm256_setzero_ps(), _mm256_setzero_ps(), _mm256_setzero_ps(), _mm256_setzero_ps()};
+    for (size_t g = 0; g < groups; ++g) {
+      const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&p.corr[g * 8]));
+      __m256i a[4] = {c, c, c, c};
+      const int8_t* wg = p.w.data() + g * kGroup * 8;
+      const uint8_t* x[4];
+      for (size_t t = 0; t < 4; ++t) x[t] = xu + ti[t] * cols + g * kGroup;
+      for (size_t k = 0; k < kGroup / 4; ++k) {
+        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(wg + 32 * k));
+        for (size_t t = 0; t < 4; ++t) {
+          int32_t v;
+          std::memcpy(&v, x[t] + 4 * k, 4);
+          a[t] = _mm256_dpbusd_epi32(a[t], _mm256_set1_epi32(v), w);
+        }
       }
-      const __m256 d = _mm256_loadu_ps(&p.d[b * 8]);
-      f0 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[0] * blocks + b])), _mm256_cvtepi32_ps(a0), f0);
-      f1 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[1] * blocks + b])), _mm256_cvtepi32_ps(a1), f1);
-      f2 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[2] * blocks + b])), _mm256_cvtepi32_ps(a2), f2);
-      f3 = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[3] * blocks + b])), _mm256_cvtepi32_ps(a3), f3);
+      const __m256 d = _mm256_loadu_ps(&p.d[g * 8]);
+      const size_t b = g * kGroup / kBlock;
+      for (size_t t = 0; t < 4; ++t)
+        f[t] = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[t] * blocks + b])), _mm256_cvtepi32_ps(a[t]), f[t]);
+      if (p.offsets) {
+        const __m256 m = _mm256_loadu_ps(&p.m[g * 8]);
+        for (size_t t = 0; t < 4; ++t) f[t] = _mm256_fnmadd_ps(m, _mm256_set1_ps(m16[ti[t] * groups + g]), f[t]);
+      }
     }
     alignas(32) float out[4][8];
-    _mm256_store_ps(out[0], f0);
-    _mm256_store_ps(out[1], f1);
-    _mm256_store_ps(out[2], f2);
-    _mm256_store_ps(out[3], f3);
+    for (size_t t = 0; t < 4; ++t) _mm256_store_ps(out[t], f[t]);
     for (size_t t = 0; t < 4 && i + t < n; ++t)
       for (size_t j = 0; j < live; ++j) Y[(i + t) * ldy + r0 + j] = out[t][j];
   }
@@ -865,6 +890,19 @@ LLAMA_VNNI void tileVnni(const Packed8& p, size_t cols, const uint8_t* xu, const
 
 #else
 bool cpuHasFast() { return false; }
+template <DType kT>
+LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u);
+
+LLAMA_FAST void unpackWith(DType t, const uint8_t* p, Unpacked& u) {
+  switch (t) {
+    case kQ2_K: return unpackFast<kQ2_K>(p, u);
+    case kQ3_K: return unpackFast<kQ3_K>(p, u);
+    case kQ4_K: return unpackFast<kQ4_K>(p, u);
+    case kQ5_K: return unpackFast<kQ5_K>(p, u);
+    default: return unpackFast<kQ6_K>(p, u);
+  }
+}
+
 bool cpuHasVnni() { return false; }
 #endif
 
@@ -1129,12 +1167,15 @@ void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, 
 #if LLAMA_KERNELS_X86
 void matmulVnni(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* X, size_t n, float* Y) {
   const size_t blocks = cols / kBlock;
+  const bool k = isKQuant(t);
   thread_local std::vector<uint8_t> xu;
-  thread_local std::vector<float> dx;
+  thread_local std::vector<float> dx, m16;
   xu.resize(n * cols);
   dx.resize(n * blocks);
+  m16.resize(k ? n * blocks * 2 : 0);
   uint8_t* xup = xu.data();
   float* dxp = dx.data();
+  float* m16p = m16.data();
   pool.run(n, [&](size_t b, size_t e) {
     QuantX& qx = threadQuantX();
     qx.reserve(blocks);
@@ -1142,6 +1183,10 @@ void matmulVnni(ThreadPool& pool, DType t, const void* W, size_t rows, size_t co
       quantiseFast(X + i * cols, blocks, qx);
       for (size_t c = 0; c < cols; ++c) xup[i * cols + c] = uint8_t(qx.q[c] + 128);
       std::memcpy(dxp + i * blocks, qx.d.data(), blocks * sizeof(float));
+      if (k) {
+        qx.fillSums(blocks);
+        std::memcpy(m16p + i * blocks * 2, qx.m16.data(), blocks * 2 * sizeof(float));
+      }
     }
   });
   // Groups of 8 rows, handed out one at a time.
@@ -1152,7 +1197,9 @@ void matmulVnni(ThreadPool& pool, DType t, const void* W, size_t rows, size_t co
     thread_local Packed8 p;
     for (size_t g; (g = next.fetch_add(1, std::memory_order_relaxed)) < groups;) {
       pack8(t, w, rows, cols, g * 8, p);
-      tileVnni(p, cols, xup, dxp, n, Y, rows, g * 8, std::min<size_t>(8, rows - g * 8));
+      const size_t live = std::min<size_t>(8, rows - g * 8);
+      if (k) tileVnni<16>(p, cols, xup, dxp, m16p, n, Y, rows, g * 8, live);
+      else tileVnni<kBlock>(p, cols, xup, dxp, m16p, n, Y, rows, g * 8, live);
     }
   });
 }
@@ -1167,7 +1214,8 @@ void matmul(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, 
     return;
   }
 #if LLAMA_KERNELS_X86
-  if ((t == kQ8_0 || t == kQ4_0) && &k != &kPortable && cpuHasVnni()) return matmulVnni(pool, t, W, rows, cols, X, n, Y);
+  if (t != kF32 && t != kF16 && t != kBF16 && &k != &kPortable && cpuHasVnni())
+    return matmulVnni(pool, t, W, rows, cols, X, n, Y);
 #endif
   // The quantised types see x as its 8-bit blocks, as matvec does.
   thread_local std::vector<float> xr;
