@@ -91,10 +91,11 @@ class ThreadPool {
 void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* x, float* y);
 
 // Y[i * rows + r] = sum_c W[r][c] * X[i * cols + c] for the n rows of X,
-// spread over the pool. Each block of weight rows is expanded to f32 once
-// and used for every row of X while it is in cache. The quantised types
-// round X to 8 bits per block of 32 first, exactly as matvec does, so row i
-// of Y matches matvec of row i of X up to the order of float additions.
+// spread over the pool. Each block of weight rows is unpacked once (to
+// 8-bit groups for AVX-512 VNNI, else to f32) and used for every row of X
+// while it is in cache. The quantised types round X to 8 bits per block of
+// 32 first, exactly as matvec does, so row i of Y matches matvec of row i
+// of X up to the order of float additions.
 void matmul(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* X, size_t n, float* Y);
 
 }  // namespace llama
