@@ -1,13 +1,25 @@
 // Test tool: writes a llama-family GGUF model file with seeded random
 // weights, so importer tests have GGUF input without downloading a model.
 // It owns the GGUF writer, the weight generator and the ggml encodings
-// (F32, F16, BF16, Q8_0, Q4_0 and, for refusal tests, Q4_1).
+// (F32, F16, BF16, Q8_0, Q4_0, the K-quants Q2_K..Q6_K and, for refusal
+// tests, Q4_1).
 //
-//   gguf_gen --out FILE [--version 2|3] [--type f32|f16|bf16|q8_0|q4_0]
+//   gguf_gen --out FILE [--version 2|3] [--type TYPE] [--arch ARCH]
 //            [--dim 64] [--layers 2] [--ff 160] [--heads 4] [--kv-heads 2]
-//            [--vocab 96] [--ctx 256] [--seed 1] [--tokenizer llama|gpt2]
-//            [--tied] [--expect FILE.json] [--bad-type] [--alignment 32]
+//            [--head-dim N] [--vocab 96] [--ctx 256] [--seed 1]
+//            [--tokenizer llama|gpt2] [--pre NAME] [--tied]
+//            [--expect FILE.json] [--bad-type] [--alignment 32]
 //            [--no-test-keys] [--verbose]
+//
+// TYPE: f32 f16 bf16 q8_0 q4_0 q2_k q3_k q4_k q5_k q6_k, or q4_k_m (Q4_K
+// with Q6_K for attn_v, ffn_down and output, as the usual mixed files are).
+// ARCH: llama, mistral (the same layout), qwen2 (biases on Q, K and V),
+// qwen3 (RMSNorm weights for each head of Q and K). --head-dim writes
+// attention.key_length/value_length and sizes Q by heads * N. --pre writes
+// tokenizer.ggml.pre. The K-quants encode each super-block of 256 simply:
+// per group, scale (and offset) from its range, 6 or 4 bits of each
+// relative to the super-block's f16 scales, then every value rounded to
+// the nearest level.
 //
 // Nothing is printed on stdout unless --verbose is given; errors go to
 // stderr (exit 2 for a bad command line, 1 for a failed write).
@@ -123,7 +135,10 @@ constexpr double kNormScale = 0.05 / kSumStd;
 
 // ---------------------------------------------------------------- ggml types
 
-enum : uint32_t { kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ4_1 = 3, kQ8_0 = 8, kBF16 = 30 };
+enum : uint32_t {
+  kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ4_1 = 3, kQ8_0 = 8, kQ2_K = 10, kQ3_K = 11, kQ4_K = 12, kQ5_K = 13, kQ6_K = 14,
+  kBF16 = 30, kQ4_K_M = 1000  // a mix, not a tensor type
+};
 
 struct TypeInfo {
   uint32_t id;
@@ -135,6 +150,8 @@ struct TypeInfo {
 constexpr TypeInfo kTypes[] = {
     {kF32, "f32", 1, 4},     {kF16, "f16", 1, 2},     {kBF16, "bf16", 1, 2},
     {kQ8_0, "q8_0", 32, 34}, {kQ4_0, "q4_0", 32, 18}, {kQ4_1, "q4_1", 32, 20},
+    {kQ2_K, "q2_k", 256, 84}, {kQ3_K, "q3_k", 256, 110}, {kQ4_K, "q4_k", 256, 144},
+    {kQ5_K, "q5_k", 256, 176}, {kQ6_K, "q6_k", 256, 210}, {kQ4_K_M, "q4_k_m", 256, 144},
 };
 
 const TypeInfo& typeInfo(uint32_t id) {
@@ -150,6 +167,12 @@ uint32_t fileType(uint32_t id) {
     case kF16: return 1;
     case kQ4_0: return 2;
     case kQ8_0: return 7;
+    case kQ2_K: return 10;
+    case kQ3_K: return 11;
+    case kQ4_K: return 14;
+    case kQ5_K: return 16;
+    case kQ6_K: return 18;
+    case kQ4_K_M: return 15;
     case kBF16: return 32;
   }
   return 0;
@@ -165,6 +188,131 @@ uint8_t* put16(uint8_t* p, uint16_t v) {
 // sum is exact in double for a float of magnitude below 2^29.
 int roundHalfAway(float v) {
   return int(double(v) + std::copysign(0.5, double(v)));
+}
+
+int clampRound(float v, int lo, int hi) { return std::min(hi, std::max(lo, roundHalfAway(v))); }
+
+float half(float f) {  // f rounded to the nearest half, as a float
+  const uint16_t h = f32ToF16(f);
+  const uint32_t e = (h >> 10) & 31, m = h & 1023;
+  const float mag = e == 0 ? float(m) * 0x1p-24f : std::ldexp(float(m | 1024), int(e) - 25);
+  return (h & 0x8000) ? -mag : mag;
+}
+
+// One K-quant super-block of 256 values: the stored levels u (0..2^bits-1),
+// per-group integer scales and offsets, and the two f16 super scales.
+struct KBlock {
+  int u[256];
+  int sc[16], mn[16];
+  uint16_t d, dmin;
+};
+
+// groups of 256 / groups values; asymmetric types keep w = d*sc*u - dmin*m,
+// symmetric ones w = d*sc*(u - zero) with a signed sc.
+void kQuantise(const float* x, int groups, int bits, int scaleBits, bool asym, KBlock& k) {
+  const int per = 256 / groups, top = (1 << bits) - 1, smax = (1 << scaleBits) - 1;
+  float gs[16], gm[16];
+  for (int g = 0; g < groups; ++g) {
+    float lo = 0.f, hi = 0.f, amax = 0.f;
+    for (int i = 0; i < per; ++i) {
+      const float v = x[g * per + i];
+      lo = std::min(lo, v), hi = std::max(hi, v), amax = std::max(amax, std::fabs(v));
+    }
+    gs[g] = asym ? (hi - lo) / float(top) : amax / float((top + 1) / 2);
+    gm[g] = -lo;
+  }
+  float maxS = 0.f, maxM = 0.f;
+  for (int g = 0; g < groups; ++g) maxS = std::max(maxS, gs[g]), maxM = std::max(maxM, gm[g]);
+  const int sTop = asym ? smax : smax / 2;  // signed 6-bit or 8-bit scales use half the range
+  const float d = half(maxS / float(sTop)), dmin = half(maxM / float(smax));
+  k.d = f32ToF16(d), k.dmin = f32ToF16(dmin);
+  const int zero = asym ? 0 : (top + 1) / 2;
+  for (int g = 0; g < groups; ++g) {
+    k.sc[g] = d > 0 ? clampRound(gs[g] / d, 0, sTop) : 0;
+    k.mn[g] = asym && dmin > 0 ? clampRound(gm[g] / dmin, 0, smax) : 0;
+    const float s = d * float(k.sc[g]), m = dmin * float(k.mn[g]);
+    for (int i = 0; i < per; ++i)
+      k.u[g * per + i] = s > 0 ? clampRound((x[g * per + i] + m) / s + float(zero), 0, top) : zero;
+  }
+}
+
+uint8_t* encodeK(uint32_t type, const float* x, uint8_t* p) {
+  KBlock k;
+  switch (type) {
+    case kQ2_K: {
+      kQuantise(x, 16, 2, 4, true, k);
+      std::memset(p, 0, 84);
+      for (int g = 0; g < 16; ++g) p[g] = uint8_t(k.sc[g] | k.mn[g] << 4);
+      for (int h = 0; h < 2; ++h)
+        for (int j = 0; j < 4; ++j)
+          for (int i = 0; i < 32; ++i) p[16 + 32 * h + i] |= uint8_t(k.u[128 * h + 32 * j + i] << (2 * j));
+      put16(p + 80, k.d);
+      put16(p + 82, k.dmin);
+      return p + 84;
+    }
+    case kQ3_K: {
+      kQuantise(x, 16, 3, 6, false, k);
+      std::memset(p, 0, 110);
+      for (int h = 0; h < 2; ++h)
+        for (int j = 0; j < 4; ++j)
+          for (int i = 0; i < 32; ++i) {
+            const int u = k.u[128 * h + 32 * j + i];
+            p[32 + 32 * h + i] |= uint8_t((u & 3) << (2 * j));
+            p[i] |= uint8_t((u >> 2) << (4 * h + j));
+          }
+      for (int g = 0; g < 16; ++g) {
+        const int v = k.sc[g] + 32;  // stored with an offset of 32
+        p[96 + (g < 8 ? g : g - 8)] |= uint8_t((v & 15) << (g < 8 ? 0 : 4));
+        p[96 + 8 + g % 4] |= uint8_t((v >> 4) << (2 * (g / 4)));
+      }
+      put16(p + 108, k.d);
+      return p + 110;
+    }
+    case kQ4_K:
+    case kQ5_K: {
+      const bool five = type == kQ5_K;
+      kQuantise(x, 8, five ? 5 : 4, 6, true, k);
+      const size_t bytes = five ? 176 : 144;
+      std::memset(p, 0, bytes);
+      put16(p, k.d);
+      put16(p + 2, k.dmin);
+      uint8_t* s = p + 4;
+      for (int j = 0; j < 8; ++j) {
+        if (j < 4) {
+          s[j] |= uint8_t(k.sc[j]);
+          s[j + 4] |= uint8_t(k.mn[j]);
+        } else {
+          s[j + 4] = uint8_t((k.sc[j] & 15) | (k.mn[j] & 15) << 4);
+          s[j - 4] |= uint8_t((k.sc[j] >> 4) << 6);
+          s[j] |= uint8_t((k.mn[j] >> 4) << 6);
+        }
+      }
+      uint8_t* qh = p + 16;
+      uint8_t* qs = p + (five ? 48 : 16);
+      for (int c = 0; c < 4; ++c)
+        for (int i = 0; i < 32; ++i) {
+          const int lo = k.u[64 * c + i], hi = k.u[64 * c + 32 + i];
+          qs[32 * c + i] = uint8_t((lo & 15) | (hi & 15) << 4);
+          if (five) qh[i] |= uint8_t((lo >> 4) << (2 * c) | (hi >> 4) << (2 * c + 1));
+        }
+      return p + bytes;
+    }
+    case kQ6_K: {
+      kQuantise(x, 16, 6, 8, false, k);
+      std::memset(p, 0, 210);
+      for (int h = 0; h < 2; ++h)
+        for (int j = 0; j < 4; ++j)
+          for (int i = 0; i < 32; ++i) {
+            const int u = k.u[128 * h + 32 * j + i];
+            p[64 * h + 32 * (j & 1) + i] |= uint8_t((u & 15) << (j < 2 ? 0 : 4));
+            p[128 + 32 * h + i] |= uint8_t((u >> 4) << (2 * j));
+          }
+      for (int g = 0; g < 16; ++g) p[192 + g] = uint8_t(int8_t(k.sc[g]));
+      put16(p + 208, k.d);
+      return p + 210;
+    }
+  }
+  std::abort();
 }
 
 // Writes the encoding of x (a whole number of blocks) at p, which has room
@@ -229,6 +377,13 @@ uint8_t* encode(uint32_t type, const float* x, size_t n, uint8_t* p) {
           *p++ = uint8_t(q0 | (q1 << 4));
         }
       }
+      return p;
+    case kQ2_K:
+    case kQ3_K:
+    case kQ4_K:
+    case kQ5_K:
+    case kQ6_K:
+      for (size_t b = 0; b < n; b += 256) p = encodeK(type, x + b, p);
       return p;
   }
   std::abort();
@@ -366,7 +521,9 @@ struct Options {
   uint32_t version = 3;
   uint32_t type = kF32;
   uint64_t dim = 64, layers = 2, ff = 160, heads = 4, kvHeads = 2, vocab = 96, ctx = 256, seed = 1;
+  uint64_t headDim = 0;  // 0: dim / heads, and no key_length entry
   uint64_t alignment = 32;
+  std::string arch = "llama", pre;
   bool gpt2 = false, tied = false, badType = false, testKeys = true, verbose = false;
 };
 
@@ -531,24 +688,31 @@ std::vector<Kv> buildMetadata(const Options& o, const Vocab& voc) {
   std::vector<Kv> kv;
   auto u32 = [&](const char* k, uint64_t x) { kv.push_back({k, vU(VT::U32, x)}); };
   const char* tname = typeInfo(o.type).name;
-  kv.push_back({"general.architecture", vStr("llama")});
-  kv.push_back({"general.name", vStr("gguf_gen llama " + std::string(tname) + " d" + std::to_string(o.dim) +
+  const std::string& a = o.arch;
+  kv.push_back({"general.architecture", vStr(a)});
+  kv.push_back({"general.name", vStr("gguf_gen " + a + " " + std::string(tname) + " d" + std::to_string(o.dim) +
                                      " l" + std::to_string(o.layers) + " seed " + std::to_string(o.seed))});
   u32("general.alignment", o.alignment);
   u32("general.file_type", fileType(o.type));
-  if (o.type == kQ8_0 || o.type == kQ4_0) u32("general.quantization_version", 2);
-  u32("llama.context_length", o.ctx);
-  u32("llama.embedding_length", o.dim);
-  u32("llama.block_count", o.layers);
-  u32("llama.feed_forward_length", o.ff);
-  u32("llama.rope.dimension_count", o.dim / o.heads);
-  u32("llama.attention.head_count", o.heads);
-  u32("llama.attention.head_count_kv", o.kvHeads);
-  kv.push_back({"llama.rope.freq_base", vF32(10000.0f)});
-  kv.push_back({"llama.attention.layer_norm_rms_epsilon", vF32(1e-5f)});
-  u32("llama.vocab_size", o.vocab);
+  if (typeInfo(o.type).blockElems > 1) u32("general.quantization_version", 2);
+  const uint64_t headDim = o.headDim ? o.headDim : o.dim / o.heads;
+  u32((a + ".context_length").c_str(), o.ctx);
+  u32((a + ".embedding_length").c_str(), o.dim);
+  u32((a + ".block_count").c_str(), o.layers);
+  u32((a + ".feed_forward_length").c_str(), o.ff);
+  u32((a + ".rope.dimension_count").c_str(), headDim);
+  u32((a + ".attention.head_count").c_str(), o.heads);
+  u32((a + ".attention.head_count_kv").c_str(), o.kvHeads);
+  if (o.headDim) {
+    u32((a + ".attention.key_length").c_str(), o.headDim);
+    u32((a + ".attention.value_length").c_str(), o.headDim);
+  }
+  kv.push_back({a + ".rope.freq_base", vF32(a == "llama" ? 10000.0f : 1000000.0f)});
+  kv.push_back({a + ".attention.layer_norm_rms_epsilon", vF32(a == "llama" ? 1e-5f : 1e-6f)});
+  u32((a + ".vocab_size").c_str(), o.vocab);
 
   kv.push_back({"tokenizer.ggml.model", vStr(o.gpt2 ? "gpt2" : "llama")});
+  if (!o.pre.empty()) kv.push_back({"tokenizer.ggml.pre", vStr(o.pre)});
   std::vector<Value> tokens, scores, types, merges;
   for (const std::string& t : voc.tokens) tokens.push_back(vStr(t));
   for (float s : voc.scores) scores.push_back(vF32(s));
@@ -597,22 +761,43 @@ std::vector<Kv> buildMetadata(const Options& o, const Vocab& voc) {
 }
 
 std::vector<Tensor> buildTensors(const Options& o) {
-  const uint64_t kvDim = o.dim / o.heads * o.kvHeads;
+  const uint64_t headDim = o.headDim ? o.headDim : o.dim / o.heads;
+  const uint64_t qDim = headDim * o.heads, kvDim = headDim * o.kvHeads;
   std::vector<Tensor> t;
-  auto w = [&](std::string name, uint64_t in, uint64_t out) { t.push_back({std::move(name), {in, out}, o.type, false}); };
-  auto norm = [&](std::string name) { t.push_back({std::move(name), {o.dim}, kF32, true}); };
+  // q4_k_m: Q6_K where the usual mixed files spend more bits.
+  auto typeOf = [&](const std::string& name) {
+    if (o.type != kQ4_K_M) return o.type;
+    const bool more = name == "output.weight" || name.find("attn_v.") != std::string::npos ||
+                      name.find("ffn_down.") != std::string::npos;
+    return more ? uint32_t(kQ6_K) : uint32_t(kQ4_K);
+  };
+  auto w = [&](std::string name, uint64_t in, uint64_t out) {
+    const uint32_t type = typeOf(name);
+    t.push_back({std::move(name), {in, out}, type, false});
+  };
+  auto norm = [&](std::string name, uint64_t n) { t.push_back({std::move(name), {n}, kF32, true}); };
+  auto bias = [&](std::string name, uint64_t n) { t.push_back({std::move(name), {n}, kF32, false}); };
   w("token_embd.weight", o.dim, o.vocab);
-  norm("output_norm.weight");
+  norm("output_norm.weight", o.dim);
   if (!o.tied) w("output.weight", o.dim, o.vocab);
   for (uint64_t l = 0; l < o.layers; ++l) {
     const std::string p = "blk." + std::to_string(l) + ".";
-    norm(p + "attn_norm.weight");
-    w(p + "attn_q.weight", o.dim, o.dim);
+    norm(p + "attn_norm.weight", o.dim);
+    w(p + "attn_q.weight", o.dim, qDim);
     if (l == 0 && o.badType) t.back().type = kQ4_1;
     w(p + "attn_k.weight", o.dim, kvDim);
     w(p + "attn_v.weight", o.dim, kvDim);
-    w(p + "attn_output.weight", o.dim, o.dim);
-    norm(p + "ffn_norm.weight");
+    if (o.arch == "qwen2") {
+      bias(p + "attn_q.bias", qDim);
+      bias(p + "attn_k.bias", kvDim);
+      bias(p + "attn_v.bias", kvDim);
+    }
+    if (o.arch == "qwen3") {
+      norm(p + "attn_q_norm.weight", headDim);
+      norm(p + "attn_k_norm.weight", headDim);
+    }
+    w(p + "attn_output.weight", qDim, o.dim);
+    norm(p + "ffn_norm.weight", o.dim);
     w(p + "ffn_gate.weight", o.dim, o.ff);
     w(p + "ffn_up.weight", o.dim, o.ff);
     w(p + "ffn_down.weight", o.ff, o.dim);
@@ -728,11 +913,14 @@ bool writeExpect(const Options& o, const std::vector<Kv>& kv, const std::vector<
 [[noreturn]] void usage(const char* msg) {
   if (msg) std::fprintf(stderr, "gguf_gen: %s\n", msg);
   std::fprintf(stderr,
-               "usage: gguf_gen --out FILE [--version 2|3] [--type f32|f16|bf16|q8_0|q4_0]\n"
+               "usage: gguf_gen --out FILE [--version 2|3] [--type TYPE] [--arch ARCH]\n"
                "                [--dim 64] [--layers 2] [--ff 160] [--heads 4] [--kv-heads 2]\n"
-               "                [--vocab 96] [--ctx 256] [--seed 1] [--tokenizer llama|gpt2]\n"
-               "                [--tied] [--expect FILE.json] [--bad-type] [--alignment 32]\n"
-               "                [--no-test-keys] [--verbose]\n");
+               "                [--head-dim N] [--vocab 96] [--ctx 256] [--seed 1]\n"
+               "                [--tokenizer llama|gpt2] [--pre NAME] [--tied]\n"
+               "                [--expect FILE.json] [--bad-type] [--alignment 32]\n"
+               "                [--no-test-keys] [--verbose]\n"
+               "TYPE: f32 f16 bf16 q8_0 q4_0 q2_k q3_k q4_k q5_k q6_k q4_k_m\n"
+               "ARCH: llama mistral qwen2 qwen3\n");
   std::exit(2);
 }
 
@@ -764,7 +952,7 @@ Options parseArgs(int argc, char** argv) {
       const TypeInfo* found = nullptr;
       for (const TypeInfo& ti : kTypes)
         if (t == ti.name && ti.id != kQ4_1) found = &ti;
-      if (!found) usage("--type is one of f32, f16, bf16, q8_0, q4_0");
+      if (!found) usage("--type is one of f32, f16, bf16, q8_0, q4_0, q2_k, q3_k, q4_k, q5_k, q6_k, q4_k_m");
       o.type = found->id;
     }
     else if (a == "--dim") o.dim = parseCount("--dim", arg(), 1, 1 << 16);
@@ -772,6 +960,13 @@ Options parseArgs(int argc, char** argv) {
     else if (a == "--ff") o.ff = parseCount("--ff", arg(), 1, 1 << 18);
     else if (a == "--heads") o.heads = parseCount("--heads", arg(), 1, 1024);
     else if (a == "--kv-heads") o.kvHeads = parseCount("--kv-heads", arg(), 1, 1024);
+    else if (a == "--head-dim") o.headDim = parseCount("--head-dim", arg(), 2, 4096);
+    else if (a == "--arch") {
+      o.arch = arg();
+      if (o.arch != "llama" && o.arch != "mistral" && o.arch != "qwen2" && o.arch != "qwen3")
+        usage("--arch is llama, mistral, qwen2 or qwen3");
+    }
+    else if (a == "--pre") o.pre = arg();
     else if (a == "--vocab") o.vocab = parseCount("--vocab", arg(), 32, 1000000);
     else if (a == "--ctx") o.ctx = parseCount("--ctx", arg(), 1, UINT32_MAX);
     else if (a == "--seed") o.seed = parseCount("--seed", arg(), 0, UINT64_MAX);
@@ -789,11 +984,14 @@ Options parseArgs(int argc, char** argv) {
     else usage(("unknown argument '" + std::string(a) + "'").c_str());
   }
   if (o.out.empty()) usage("--out is required");
-  if (o.dim % o.heads) usage("--dim must be a multiple of --heads");
+  if (o.dim % o.heads && !o.headDim) usage("--dim must be a multiple of --heads");
   if (o.heads % o.kvHeads) usage("--heads must be a multiple of --kv-heads");
   if ((o.alignment & (o.alignment - 1)) || o.alignment < 8) usage("--alignment must be a power of two, 8 or more");
   const bool blocks = typeInfo(o.type).blockElems > 1 || o.badType;
   if (blocks && (o.dim % 32 || o.ff % 32)) usage("--dim and --ff must be multiples of 32 for block types and --bad-type");
+  const uint64_t qDim = (o.headDim ? o.headDim : o.dim / o.heads) * o.heads;
+  if (typeInfo(o.type).blockElems == 256 && (o.dim % 256 || o.ff % 256 || qDim % 256))
+    usage("--dim, --ff and the width of Q must be multiples of 256 for the K-quant types");
   return o;
 }
 

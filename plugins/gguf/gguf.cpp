@@ -112,16 +112,29 @@ struct Cursor {
 // Bytes of `n` elements of a tensor type; false for a type we don't size or
 // a row length that doesn't fill whole blocks.
 bool tensorBytes(uint32_t type, uint64_t n, uint64_t ne0, uint64_t& out) {
-  switch (type) {
-    case kF32: out = n * 4; return true;
-    case kF16: case kBF16: out = n * 2; return true;
-    case kQ8_0: if (ne0 % 32) return false; out = n / 32 * 34; return true;
-    case kQ4_0: if (ne0 % 32) return false; out = n / 32 * 18; return true;
-    default: return false;
-  }
+  uint64_t elems, bytes;
+  if (!blockShape(type, elems, bytes) || ne0 % elems) return false;
+  out = n / elems * bytes;
+  return true;
 }
 
 }  // namespace
+
+bool blockShape(uint32_t type, uint64_t& elems, uint64_t& bytes) {
+  elems = 256;
+  switch (type) {
+    case kF32: elems = 1, bytes = 4; return true;
+    case kF16: case kBF16: elems = 1, bytes = 2; return true;
+    case kQ8_0: elems = 32, bytes = 34; return true;
+    case kQ4_0: elems = 32, bytes = 18; return true;
+    case kQ2_K: bytes = 84; return true;
+    case kQ3_K: bytes = 110; return true;
+    case kQ4_K: bytes = 144; return true;
+    case kQ5_K: bytes = 176; return true;
+    case kQ6_K: bytes = 210; return true;
+    default: return false;
+  }
+}
 
 const char* typeName(Type t) {
   static const char* const kNames[] = {"u8",  "i8",  "u16",  "i16",   "u32", "i32", "f32",
@@ -277,9 +290,12 @@ bool parse(const uint8_t* data, uint64_t size, File& out, std::string& err, bool
     }
     if (!c.u32(ti.type, "tensor type") || !c.u64(ti.offset, "tensor offset")) return false;
     if (!tensorBytes(ti.type, elements, ti.dims[0], ti.size)) {
+      uint64_t be, bb;
       err = "tensor '" + name + "' has type " + tensorTypeName(ti.type) +
-            (ti.type == kQ8_0 || ti.type == kQ4_0 ? " with rows that don't fill whole blocks"
-                                                  : ", which is not supported (F32, F16, BF16, Q8_0, Q4_0 are)");
+            (blockShape(ti.type, be, bb) ? " with rows of " + std::to_string(ti.dims[0]) +
+                                               " elements, not a multiple of its block of " + std::to_string(be)
+                                         : std::string(", which is not supported (F32, F16, BF16, Q8_0, Q4_0, Q2_K, "
+                                                       "Q3_K, Q4_K, Q5_K, Q6_K are)"));
       return false;
     }
     if (ti.offset % out.alignment != 0) {

@@ -19,7 +19,12 @@ enum class Type : uint32_t {
 const char* typeName(Type t);
 
 // Tensor element types this reader sizes (ggml numbering).
-enum TensorType : uint32_t { kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ8_0 = 8, kBF16 = 30 };
+enum TensorType : uint32_t {
+  kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ8_0 = 8, kQ2_K = 10, kQ3_K = 11, kQ4_K = 12, kQ5_K = 13, kQ6_K = 14, kBF16 = 30
+};
+// Elements and bytes per block of a type this reader sizes (1 and 4 for
+// F32); false for any other type.
+bool blockShape(uint32_t type, uint64_t& elems, uint64_t& bytes);
 // "F32", "Q4_1", ...; "type N" for a number without a name.
 std::string tensorTypeName(uint32_t type);
 
@@ -68,7 +73,7 @@ struct File {
 
 // Parses the header and metadata, and with `withTensors` the tensor table
 // too (sizes, alignment and bounds checked; every tensor type must be one of
-// the five above). False with a message in `err`.
+// the ten above). False with a message in `err`.
 bool parse(const uint8_t* data, uint64_t size, File& out, std::string& err, bool withTensors = true);
 
 // The strings of a string array, or the numbers of a numeric one, in order;

@@ -74,11 +74,9 @@ void setErr(const ZANConvertRequest* req, const std::string& msg) {
 // The first 8 bytes of a tensor's quantisation record: elements and bytes
 // per block for the block formats, 0 for plain floats.
 uint64_t quantWord(uint32_t type) {
-  switch (type) {
-    case gguf::kQ8_0: return (uint64_t(32) << 32) | 34;
-    case gguf::kQ4_0: return (uint64_t(32) << 32) | 18;
-    default: return 0;
-  }
+  uint64_t elems, bytes;
+  if (!gguf::blockShape(type, elems, bytes) || elems == 1) return 0;
+  return (elems << 32) | bytes;
 }
 
 int32_t probe(const char* path, ZANProbeResult* out) {
@@ -144,6 +142,7 @@ int32_t convert(const char* src, const ZANConvertRequest* req) {
       {"block_count", "model.block_count"},           {"feed_forward_length", "model.feed_forward_length"},
       {"attention.head_count", "model.head_count"},   {"attention.head_count_kv", "model.head_count_kv"},
       {"vocab_size", "model.vocab_size"},             {"rope.dimension_count", "model.rope_dimension_count"},
+      {"attention.key_length", "model.key_length"},   {"attention.value_length", "model.value_length"},
   };
   for (const auto& e : ints)
     if (f.getU32(hp(e.from), v)) w.metaU32(e.to, v);
@@ -167,6 +166,7 @@ int32_t convert(const char* src, const ZANConvertRequest* req) {
     tok.addBos = addBos ? addBos->u != 0 : model == "llama";
     tok.name = std::string(model);
     w.metaStr("tokenizer.model", tok.name);
+    if (!f.getStr("tokenizer.ggml.pre").empty()) w.metaStr("tokenizer.pre", f.getStr("tokenizer.ggml.pre"));
     w.setTokenizer(tok);
   }
   uint32_t vocab = static_cast<uint32_t>(tok.vocab.size());
@@ -220,7 +220,7 @@ int32_t convert(const char* src, const ZANConvertRequest* req) {
 }
 
 const ZANImporterDesc kImporters[] = {
-    {kZanDescriptorAbi, 0, "gguf", "GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0)", 0, ".gguf", probe, 0, convert},
+    {kZanDescriptorAbi, 0, "gguf", "GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0 Q2_K..Q6_K)", 0, ".gguf", probe, 0, convert},
 };
 
 const ZANPluginInfo kInfo = {kZanPluginAbi, 1, "gguf", "imports GGUF models into ZAN2 containers", nullptr, 0, 0};

@@ -1,6 +1,12 @@
-// Matrix-vector kernels of the llama runtime for F32, F16, BF16, Q8_0 and
-// Q4_0 weight rows, half/bfloat16 conversions, row dequantisation and the
-// worker pool that spreads rows over the cores.
+// Matrix-vector and batched matrix kernels of the llama runtime for F32,
+// F16, BF16, Q8_0, Q4_0 and K-quant (Q2_K..Q6_K) weight rows, half/bfloat16
+// conversions, row dequantisation and the worker pool that spreads rows
+// over the cores.
+//
+// A K-quant super-block of 256 weights is first unpacked into 256 small
+// integers with a scale and an offset per group of 16 (w = scale * q - min),
+// the same form for every K type; dot products then run over that form
+// against the 8-bit activations, and dequantisation is one multiply-add.
 //
 // Two paths compute the same thing: a portable one in plain C++ and one for
 // AVX2+FMA+F16C, compiled per function with a target attribute (the rest of
@@ -72,11 +78,25 @@ struct QuantX {
   std::vector<int8_t> q;
   std::vector<float> d;
   std::vector<int32_t> bias;
+  std::vector<int32_t> sum16;  // sum of q per 16 elements (K-quants only)
+  std::vector<float> d16, m16;  // per 16 elements: d of its block, and d * sum16
   void reserve(size_t blocks) {
     if (d.size() >= blocks) return;
     q.resize(blocks * kBlock);
     d.resize(blocks);
     bias.resize(blocks * 8);
+    sum16.resize(blocks * 2);
+    d16.resize(blocks * 2);
+    m16.resize(blocks * 2);
+  }
+  void fillSums(size_t blocks) {
+    for (size_t g = 0; g < 2 * blocks; ++g) {
+      int32_t t = 0;
+      for (size_t i = 0; i < 16; ++i) t += q[g * 16 + i];
+      sum16[g] = t;
+      d16[g] = d[g / 2];
+      m16[g] = d[g / 2] * float(t);
+    }
   }
 };
 
@@ -96,6 +116,186 @@ void quantisePortable(const float* x, size_t blocks, QuantX& out) {
     const float id = db != 0.f ? 1.f / db : 0.f;
     for (size_t i = 0; i < kBlock; ++i) q[b * kBlock + i] = roundToI8(xb[i] * id);
     d[b] = db;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// K-quant super-blocks (256 weights each). Byte layouts, in order:
+//   Q2_K  84 B: scales[16] (low nibble scale, high nibble min), qs[64]
+//               (2 bits each), f16 d, f16 dmin
+//   Q3_K 110 B: hmask[32] (third bit), qs[64] (low 2 bits), scales[12]
+//               (16 six-bit scales, stored +32), f16 d
+//   Q4_K 144 B: f16 d, f16 dmin, scales[12] (8 six-bit scales and mins),
+//               qs[128] (4 bits each)
+//   Q5_K 176 B: f16 d, f16 dmin, scales[12], qh[32] (fifth bit), qs[128]
+//   Q6_K 210 B: ql[128] (low 4 bits), qh[64] (high 2 bits), int8
+//               scales[16], f16 d
+
+constexpr size_t kSuper = 256;
+
+size_t superBytes(DType t) {
+  switch (t) {
+    case kQ2_K: return 84;
+    case kQ3_K: return 110;
+    case kQ4_K: return 144;
+    case kQ5_K: return 176;
+    case kQ6_K: return 210;
+    default: return 0;
+  }
+}
+
+bool isKQuant(DType t) { return superBytes(t) != 0; }
+
+// One super-block as w[i] = scale[i / 16] * q[i] - min[i / 16].
+struct alignas(32) Unpacked {
+  int8_t q[kSuper];
+  float scale[16], min[16];
+};
+
+// The scales given the super-block's f16 scales as floats (d at the
+// offset each layout keeps it; dmin after it).
+void scalesQ2K(const uint8_t* p, float d, float dmin, Unpacked& u) {
+  const uint8_t* sc = p;
+  for (int g = 0; g < 16; ++g) {
+    u.scale[g] = d * float(sc[g] & 15);
+    u.min[g] = dmin * float(sc[g] >> 4);
+  }
+}
+
+void unpackQ2K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* qs = p + 16;
+  scalesQ2K(p, f16ToF32(loadU16(p + 80)), f16ToF32(loadU16(p + 82)), u);
+  // Each half of 128 weights takes 32 bytes; weight 32 * j + k of the half
+  // is bits 2j..2j+1 of byte k.
+  for (int h = 0; h < 2; ++h)
+    for (int j = 0; j < 4; ++j)
+      for (int k = 0; k < 32; ++k) u.q[128 * h + 32 * j + k] = int8_t((qs[32 * h + k] >> (2 * j)) & 3);
+}
+
+void scalesQ3K(const uint8_t* p, float d, float, Unpacked& u) {
+  const uint8_t* sc = p + 96;
+  for (int g = 0; g < 16; ++g) {
+    const int low = g < 8 ? sc[g] & 15 : sc[g - 8] >> 4;
+    const int high = (sc[8 + g % 4] >> (2 * (g / 4))) & 3;
+    u.scale[g] = d * float((low | high << 4) - 32);
+    u.min[g] = 0.f;
+  }
+}
+
+void unpackQ3K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* hmask = p;
+  const uint8_t* qs = p + 32;
+  scalesQ3K(p, f16ToF32(loadU16(p + 108)), 0.f, u);
+  // As Q2_K for the low bits; the high bit of weight 32 * j + k of half h
+  // is bit 4h + j of hmask[k], and a clear bit subtracts 4.
+  for (int h = 0; h < 2; ++h)
+    for (int j = 0; j < 4; ++j)
+      for (int k = 0; k < 32; ++k) {
+        const int lo = (qs[32 * h + k] >> (2 * j)) & 3;
+        const int hi = (hmask[k] >> (4 * h + j)) & 1;
+        u.q[128 * h + 32 * j + k] = int8_t(lo - (hi ? 0 : 4));
+      }
+}
+
+// The 6-bit scale and min of group j (0..7) of Q4_K/Q5_K.
+inline void scaleMinK4(const uint8_t* s, int j, int& sc, int& m) {
+  if (j < 4) {
+    sc = s[j] & 63;
+    m = s[j + 4] & 63;
+  } else {
+    sc = (s[j + 4] & 15) | ((s[j - 4] >> 6) << 4);
+    m = (s[j + 4] >> 4) | ((s[j] >> 6) << 4);
+  }
+}
+
+// Q4_K and Q5_K: chunk c of 64 weights takes 32 bytes of qs, low nibbles
+// first (group 2c), then high nibbles (group 2c + 1); Q5_K's fifth bits are
+// bits 2c and 2c + 1 of qh[k].
+void scalesQ45K(const uint8_t* p, float d, float dmin, Unpacked& u) {
+  for (int j = 0; j < 8; ++j) {
+    int s, m;
+    scaleMinK4(p + 4, j, s, m);
+    u.scale[2 * j] = u.scale[2 * j + 1] = d * float(s);
+    u.min[2 * j] = u.min[2 * j + 1] = dmin * float(m);
+  }
+}
+
+template <bool kFive>
+void unpackQ45K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* qh = p + 16;
+  const uint8_t* qs = p + (kFive ? 48 : 16);
+  scalesQ45K(p, f16ToF32(loadU16(p)), f16ToF32(loadU16(p + 2)), u);
+  for (int c = 0; c < 4; ++c)
+    for (int k = 0; k < 32; ++k) {
+      int lo = qs[32 * c + k] & 15, hi = qs[32 * c + k] >> 4;
+      if (kFive) {
+        lo |= ((qh[k] >> (2 * c)) & 1) << 4;
+        hi |= ((qh[k] >> (2 * c + 1)) & 1) << 4;
+      }
+      u.q[64 * c + k] = int8_t(lo);
+      u.q[64 * c + 32 + k] = int8_t(hi);
+    }
+}
+
+void scalesQ6K(const uint8_t* p, float d, float, Unpacked& u) {
+  const auto* sc = reinterpret_cast<const int8_t*>(p + 192);
+  for (int g = 0; g < 16; ++g) {
+    u.scale[g] = d * float(sc[g]);
+    u.min[g] = 0.f;
+  }
+}
+
+void unpackQ6K(const uint8_t* p, Unpacked& u) {
+  const uint8_t* ql = p;
+  const uint8_t* qh = p + 128;
+  scalesQ6K(p, f16ToF32(loadU16(p + 208)), 0.f, u);
+  // Half h: 64 bytes of ql and 32 of qh. Weight 32 * j + k takes the low
+  // (j < 2) or high (j >= 2) nibble of ql[32 * (j & 1) + k] and bits
+  // 2j..2j+1 of qh[k], less 32.
+  for (int h = 0; h < 2; ++h)
+    for (int j = 0; j < 4; ++j)
+      for (int k = 0; k < 32; ++k) {
+        const uint8_t l = ql[64 * h + 32 * (j & 1) + k];
+        const int lo = j < 2 ? l & 15 : l >> 4;
+        const int hi = (qh[32 * h + k] >> (2 * j)) & 3;
+        u.q[128 * h + 32 * j + k] = int8_t((lo | hi << 4) - 32);
+      }
+}
+
+using UnpackFn = void (*)(const uint8_t*, Unpacked&);
+
+UnpackFn unpacker(DType t) {
+  switch (t) {
+    case kQ2_K: return unpackQ2K;
+    case kQ3_K: return unpackQ3K;
+    case kQ4_K: return unpackQ45K<false>;
+    case kQ5_K: return unpackQ45K<true>;
+    case kQ6_K: return unpackQ6K;
+    default: return nullptr;
+  }
+}
+
+// Rows of K-quant super-blocks against quantised x; x block b covers
+// groups 2b and 2b + 1.
+template <DType kT>
+void rowsKPortable(const uint8_t* W, size_t cols, const QuantX& qx, float* y, size_t r0, size_t r1) {
+  const size_t supers = cols / kSuper, bytes = superBytes(kT);
+  const UnpackFn unpack = unpacker(kT);
+  Unpacked u;
+  for (size_t r = r0; r < r1; ++r) {
+    const uint8_t* p = W + r * supers * bytes;
+    float acc = 0.f;
+    for (size_t s = 0; s < supers; ++s, p += bytes) {
+      unpack(p, u);
+      for (size_t g = 0; g < 16; ++g) {
+        const size_t b = s * 8 + g / 2;
+        const int8_t* xq = qx.q.data() + s * kSuper + g * 16;
+        int32_t t = 0;
+        for (size_t i = 0; i < 16; ++i) t += int32_t(u.q[g * 16 + i]) * xq[i];
+        acc += qx.d[b] * (u.scale[g] * float(t) - u.min[g] * float(qx.sum16[s * 16 + g]));
+      }
+    }
+    y[r] = acc;
   }
 }
 
@@ -173,6 +373,27 @@ void rowsQ4Portable(const uint8_t* W, size_t cols, const QuantX& qx, float* y, s
     }
     y[r] = acc0 + acc1;
   }
+}
+
+void tilePortable(const float* Wf, size_t rows, size_t cols, const float* X, size_t n, float* Y, size_t ldy) {
+  for (size_t i = 0; i < n; ++i)
+    for (size_t r = 0; r < rows; ++r) Y[i * ldy + r] = dotFloatRow(reinterpret_cast<const uint8_t*>(Wf + r * cols), cols, X + i * cols, 4, loadF32);
+}
+
+void attnScoresPortable(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale,
+                        float* scores) {
+  for (size_t t = 0; t < count; ++t) {
+    const float* k = keys + t * stride;
+    float dot = 0.f;
+    for (size_t c = 0; c < n; ++c) dot += q[c] * k[c];
+    scores[t] = dot * scale;
+  }
+}
+
+void attnMixPortable(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out) {
+  std::fill(out, out + n, 0.f);
+  for (size_t t = 0; t < count; ++t)
+    for (size_t c = 0; c < n; ++c) out[c] += a[t] * vals[t * stride + c];
 }
 
 // ---------------------------------------------------------------------------
@@ -347,6 +568,185 @@ LLAMA_FAST void rowsFloatFast(const uint8_t* W, size_t cols, const float* x, flo
   }
 }
 
+// unpack() with the integers 32 at a time (the scales stay scalar): the
+// same values as the portable unpackers.
+LLAMA_FAST inline __m256i bits(__m256i v, int shift, uint8_t mask) {
+  return _mm256_and_si256(_mm256_srli_epi16(v, shift), _mm256_set1_epi8(char(mask)));
+}
+
+template <DType kT>
+LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u) {
+  auto store = [&u](size_t at, __m256i v) LLAMA_FAST { _mm256_store_si256(reinterpret_cast<__m256i*>(u.q + at), v); };
+  auto load = [p](size_t at) LLAMA_FAST { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + at)); };
+  if constexpr (kT == kQ2_K || kT == kQ3_K) {
+    // Scales (and the float conversion) as the portable path does them.
+    if (kT == kQ2_K) scalesQ2K(p, _cvtsh_ss(loadU16(p + 80)), _cvtsh_ss(loadU16(p + 82)), u);
+    else scalesQ3K(p, _cvtsh_ss(loadU16(p + 108)), 0.f, u);
+    const __m256i hmask = load(0);
+    for (int h = 0; h < 2; ++h) {
+      const __m256i qs = load(kT == kQ2_K ? 16 + 32 * h : 32 + 32 * h);
+      for (int j = 0; j < 4; ++j) {
+        __m256i q = bits(qs, 2 * j, 3);
+        if (kT == kQ3_K)  // a clear high bit subtracts 4
+          q = _mm256_sub_epi8(_mm256_or_si256(q, _mm256_slli_epi16(bits(hmask, 4 * h + j, 1), 2)), _mm256_set1_epi8(4));
+        store(128 * h + 32 * j, q);
+      }
+    }
+  } else if constexpr (kT == kQ4_K || kT == kQ5_K) {
+    scalesQ45K(p, _cvtsh_ss(loadU16(p)), _cvtsh_ss(loadU16(p + 2)), u);
+    const __m256i qh = load(16);
+    for (int c = 0; c < 4; ++c) {
+      const __m256i qs = load((kT == kQ5_K ? 48 : 16) + 32 * c);
+      __m256i lo = bits(qs, 0, 15), hi = bits(qs, 4, 15);
+      if (kT == kQ5_K) {
+        lo = _mm256_or_si256(lo, _mm256_slli_epi16(bits(qh, 2 * c, 1), 4));
+        hi = _mm256_or_si256(hi, _mm256_slli_epi16(bits(qh, 2 * c + 1, 1), 4));
+      }
+      store(64 * c, lo);
+      store(64 * c + 32, hi);
+    }
+  } else {
+    scalesQ6K(p, _cvtsh_ss(loadU16(p + 208)), 0.f, u);
+    for (int h = 0; h < 2; ++h) {
+      const __m256i qh = load(128 + 32 * h);
+      for (int j = 0; j < 4; ++j) {
+        const __m256i l = load(64 * h + 32 * (j & 1));
+        const __m256i lo = j < 2 ? bits(l, 0, 15) : bits(l, 4, 15);
+        const __m256i q = _mm256_or_si256(lo, _mm256_slli_epi16(bits(qh, 2 * j, 3), 4));
+        store(128 * h + 32 * j, _mm256_sub_epi8(q, _mm256_set1_epi8(32)));
+      }
+    }
+  }
+}
+
+// K-quant rows: each super-block is unpacked, then 32 weights a step; the
+// two groups of 16 in a step are the low and high 128-bit halves of the
+// integer dot product, so one vector of two scales serves both.
+template <DType kT>
+LLAMA_FAST void rowsKFast(const uint8_t* W, size_t cols, const QuantX& qx, float* y, size_t r0, size_t r1) {
+  const size_t supers = cols / kSuper, bytes = superBytes(kT);
+  alignas(32) Unpacked u;
+  for (size_t r = r0; r < r1; ++r) {
+    const uint8_t* p = W + r * supers * bytes;
+    __m256 acc0 = _mm256_setzero_ps(), acc1 = _mm256_setzero_ps(), accM = _mm256_setzero_ps();
+    for (size_t s = 0; s < supers; ++s, p += bytes) {
+      unpackFast<kT>(p, u);
+      const int8_t* xq = qx.q.data() + s * kSuper;
+      // Scale products of groups 0..7 and 8..15; block b takes groups 2b
+      // and 2b + 1 into its two halves.
+      const __m256 lo = _mm256_mul_ps(_mm256_load_ps(u.scale), _mm256_loadu_ps(&qx.d16[s * 16]));
+      const __m256 hi = _mm256_mul_ps(_mm256_load_ps(u.scale + 8), _mm256_loadu_ps(&qx.d16[s * 16 + 8]));
+      for (size_t b = 0; b < 8; b += 2) {
+        const __m256 src = b < 4 ? lo : hi;
+        const int g = int(2 * (b % 4));
+        const __m256 s0 = _mm256_permutevar8x32_ps(src, _mm256_setr_epi32(g, g, g, g, g + 1, g + 1, g + 1, g + 1));
+        const __m256 s1 =
+            _mm256_permutevar8x32_ps(src, _mm256_setr_epi32(g + 2, g + 2, g + 2, g + 2, g + 3, g + 3, g + 3, g + 3));
+        acc0 = _mm256_fmadd_ps(s0, _mm256_cvtepi32_ps(dotI8(loadI8(u.q + 32 * b), loadI8(xq + 32 * b))), acc0);
+        acc1 = _mm256_fmadd_ps(s1, _mm256_cvtepi32_ps(dotI8(loadI8(u.q + 32 * b + 32), loadI8(xq + 32 * b + 32))), acc1);
+      }
+      if (kT == kQ2_K || kT == kQ4_K || kT == kQ5_K) {
+        accM = _mm256_fmadd_ps(_mm256_load_ps(u.min), _mm256_loadu_ps(&qx.m16[s * 16]), accM);
+        accM = _mm256_fmadd_ps(_mm256_load_ps(u.min + 8), _mm256_loadu_ps(&qx.m16[s * 16 + 8]), accM);
+      }
+    }
+    y[r] = hsum(_mm256_add_ps(acc0, acc1)) - hsum(accM);
+  }
+}
+
+// Rows of X times rows of f32 weights: Y[i * ldy + r] for tokens [0, n) and
+// rows [0, rows) of Wf (rows of `cols` floats). Two rows by four tokens a
+// step, eight accumulators; short steps repeat the last row or token and
+// drop the extra results.
+LLAMA_FAST void tileFast(const float* Wf, size_t rows, size_t cols, const float* X, size_t n, float* Y, size_t ldy) {
+  for (size_t i = 0; i < n; i += 4) {
+    const float* x[4];
+    for (size_t k = 0; k < 4; ++k) x[k] = X + std::min(i + k, n - 1) * cols;
+    for (size_t r = 0; r < rows; r += 2) {
+      const float* w0 = Wf + r * cols;
+      const float* w1 = Wf + std::min(r + 1, rows - 1) * cols;
+      __m256 a00 = _mm256_setzero_ps(), a01 = _mm256_setzero_ps(), a02 = _mm256_setzero_ps(),
+             a03 = _mm256_setzero_ps(), a10 = _mm256_setzero_ps(), a11 = _mm256_setzero_ps(),
+             a12 = _mm256_setzero_ps(), a13 = _mm256_setzero_ps();
+      size_t c = 0;
+      for (; c + 8 <= cols; c += 8) {
+        const __m256 v0 = _mm256_loadu_ps(w0 + c), v1 = _mm256_loadu_ps(w1 + c);
+        __m256 xv = _mm256_loadu_ps(x[0] + c);
+        a00 = _mm256_fmadd_ps(v0, xv, a00);
+        a10 = _mm256_fmadd_ps(v1, xv, a10);
+        xv = _mm256_loadu_ps(x[1] + c);
+        a01 = _mm256_fmadd_ps(v0, xv, a01);
+        a11 = _mm256_fmadd_ps(v1, xv, a11);
+        xv = _mm256_loadu_ps(x[2] + c);
+        a02 = _mm256_fmadd_ps(v0, xv, a02);
+        a12 = _mm256_fmadd_ps(v1, xv, a12);
+        xv = _mm256_loadu_ps(x[3] + c);
+        a03 = _mm256_fmadd_ps(v0, xv, a03);
+        a13 = _mm256_fmadd_ps(v1, xv, a13);
+      }
+      float out[2][4] = {{hsum(a00), hsum(a01), hsum(a02), hsum(a03)}, {hsum(a10), hsum(a11), hsum(a12), hsum(a13)}};
+      for (; c < cols; ++c)
+        for (size_t k = 0; k < 4; ++k) {
+          out[0][k] = std::fma(w0[c], x[k][c], out[0][k]);
+          out[1][k] = std::fma(w1[c], x[k][c], out[1][k]);
+        }
+      for (size_t k = 0; k < 4 && i + k < n; ++k) {
+        Y[(i + k) * ldy + r] = out[0][k];
+        if (r + 1 < rows) Y[(i + k) * ldy + r + 1] = out[1][k];
+      }
+    }
+  }
+}
+
+// Q8_0 rows as f32, 32 weights a step.
+LLAMA_FAST void dequantQ8Fast(const uint8_t* w, size_t cols, float* out) {
+  for (size_t b = 0; b < cols / kBlock; ++b, w += kQ8Bytes, out += kBlock) {
+    const __m256 d = _mm256_set1_ps(_cvtsh_ss(loadU16(w)));
+    for (size_t k = 0; k < 4; ++k) {
+      const __m256i q = _mm256_cvtepi8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(w + 2 + 8 * k)));
+      _mm256_storeu_ps(out + 8 * k, _mm256_mul_ps(d, _mm256_cvtepi32_ps(q)));
+    }
+  }
+}
+
+LLAMA_FAST void attnScoresFast(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale,
+                               float* scores) {
+  for (size_t t = 0; t < count; ++t) {
+    const float* k = keys + t * stride;
+    __m256 acc = _mm256_setzero_ps();
+    size_t c = 0;
+    for (; c + 8 <= n; c += 8) acc = _mm256_fmadd_ps(_mm256_loadu_ps(q + c), _mm256_loadu_ps(k + c), acc);
+    float dot = hsum(acc);
+    for (; c < n; ++c) dot += q[c] * k[c];
+    scores[t] = dot * scale;
+  }
+}
+
+LLAMA_FAST void attnMixFast(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out) {
+  size_t c = 0;
+  // 64 columns a pass, eight accumulators over all rows.
+  for (; c + 64 <= n; c += 64) {
+    __m256 acc[8];
+    for (int k = 0; k < 8; ++k) acc[k] = _mm256_setzero_ps();
+    for (size_t t = 0; t < count; ++t) {
+      const __m256 w = _mm256_set1_ps(a[t]);
+      const float* v = vals + t * stride + c;
+      for (int k = 0; k < 8; ++k) acc[k] = _mm256_fmadd_ps(w, _mm256_loadu_ps(v + 8 * k), acc[k]);
+    }
+    for (int k = 0; k < 8; ++k) _mm256_storeu_ps(out + c + 8 * k, acc[k]);
+  }
+  for (; c + 8 <= n; c += 8) {
+    __m256 acc = _mm256_setzero_ps();
+    for (size_t t = 0; t < count; ++t) acc = _mm256_fmadd_ps(_mm256_set1_ps(a[t]), _mm256_loadu_ps(vals + t * stride + c), acc);
+    _mm256_storeu_ps(out + c, acc);
+  }
+  for (; c < n; ++c) {
+    float v = 0.f;
+    for (size_t t = 0; t < count; ++t) v += a[t] * vals[t * stride + c];
+    out[c] = v;
+  }
+}
+
 bool cpuHasFast() {
   static const bool has = [] {
     __builtin_cpu_init();
@@ -354,8 +754,156 @@ bool cpuHasFast() {
   }();
   return has;
 }
+// ---------------------------------------------------------------------------
+// Batched Q8_0/Q4_0 products with AVX-512 VNNI (on 256-bit vectors): the
+// weights of 8 rows are repacked so that one 32-byte vector holds 4
+// consecutive weights of each of the 8 rows, and vpdpbusd adds their
+// products with 4 activation bytes broadcast to all rows, giving 8 rows'
+// block sums in one vector with no horizontal additions. vpdpbusd wants
+// unsigned activations, so they are stored plus 128 and each row's block
+// starts from -128 * (sum of its weights).
+
+#define LLAMA_VNNI __attribute__((target("avx2,fma,f16c,avx512f,avx512vl,avx512vnni")))
+
+template <DType kT>
+LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u);
+
+LLAMA_FAST void unpackWith(DType t, const uint8_t* p, Unpacked& u) {
+  switch (t) {
+    case kQ2_K: return unpackFast<kQ2_K>(p, u);
+    case kQ3_K: return unpackFast<kQ3_K>(p, u);
+    case kQ4_K: return unpackFast<kQ4_K>(p, u);
+    case kQ5_K: return unpackFast<kQ5_K>(p, u);
+    default: return unpackFast<kQ6_K>(p, u);
+  }
+}
+
+bool cpuHasVnni() {
+  static const bool has = [] {
+    __builtin_cpu_init();
+    return cpuHasFast() && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+           __builtin_cpu_supports("avx512vnni");
+  }();
+  return has;
+}
+
+// 8 rows in groups of G weights (32 for Q8_0/Q4_0, 16 for the K-quants,
+// whose groups also carry an offset): for group g, bytes
+// [g][k / 4][row][k % 4], the scales [g][row], the offsets [g][row] (K
+// only) and the corrections [g][row].
+struct Packed8 {
+  size_t group = 32;
+  bool offsets = false;
+  std::vector<int8_t> w;
+  std::vector<float> d, m;
+  std::vector<int32_t> corr;
+};
+
+// Rows [r0, r0 + 8) of W (rows past `rows` as zeros) into p.
+LLAMA_VNNI void pack8(DType t, const uint8_t* W, size_t rows, size_t cols, size_t r0, Packed8& p) {
+  const bool k = isKQuant(t);
+  p.group = k ? 16 : kBlock;
+  p.offsets = t == kQ2_K || t == kQ4_K || t == kQ5_K;
+  const size_t groups = cols / p.group, rb = rowBytes(t, cols);
+  p.w.resize(cols * 8);
+  p.d.resize(groups * 8);
+  p.m.resize(groups * 8);
+  p.corr.resize(groups * 8);
+  if (r0 + 8 > rows) {
+    std::fill(p.w.begin(), p.w.end(), int8_t(0));
+    std::fill(p.d.begin(), p.d.end(), 0.f);
+    std::fill(p.m.begin(), p.m.end(), 0.f);
+    std::fill(p.corr.begin(), p.corr.end(), 0);
+  }
+  alignas(32) Unpacked u;
+  for (size_t j = 0; j < 8 && r0 + j < rows; ++j) {
+    const uint8_t* row = W + (r0 + j) * rb;
+    for (size_t g = 0; g < groups; ++g) {
+      int8_t q[kBlock];
+      const int8_t* src = q;
+      if (k) {
+        if (g % 16 == 0) unpackWith(t, row + (g / 16) * superBytes(t), u);
+        src = u.q + (g % 16) * 16;
+        p.d[g * 8 + j] = u.scale[g % 16];
+        p.m[g * 8 + j] = u.min[g % 16];
+      } else if (t == kQ8_0) {
+        const uint8_t* blk = row + g * kQ8Bytes;
+        p.d[g * 8 + j] = _cvtsh_ss(loadU16(blk));
+        src = reinterpret_cast<const int8_t*>(blk + 2);
+      } else {
+        const uint8_t* blk = row + g * kQ4Bytes;
+        p.d[g * 8 + j] = _cvtsh_ss(loadU16(blk));
+        for (size_t i = 0; i < 16; ++i) {
+          q[i] = int8_t((blk[2 + i] & 15) - 8);
+          q[i + 16] = int8_t((blk[2 + i] >> 4) - 8);
+        }
+      }
+      // Four bytes at a time to their place; the sum for the correction.
+      int8_t* dst = p.w.data() + g * p.group * 8 + j * 4;
+      for (size_t k4 = 0; k4 < p.group / 4; ++k4) std::memcpy(dst + 32 * k4, src + 4 * k4, 4);
+      int32_t sum = 0;
+      for (size_t i = 0; i < p.group; ++i) sum += src[i];
+      p.corr[g * 8 + j] = -128 * sum;
+    }
+  }
+}
+
+// Y[i * ldy + r0 + j] for the 8 packed rows (j < live) and tokens [0, n):
+// xu holds each token's activations plus 128, dx their scales per block of
+// 32 and m16 (K offsets only) the scale times the sum of each 16.
+template <size_t kGroup>
+LLAMA_VNNI void tileVnni(const Packed8& p, size_t cols, const uint8_t* xu, const float* dx, const float* m16, size_t n,
+                         float* Y, size_t ldy, size_t r0, size_t live) {
+  const size_t groups = cols / kGroup, blocks = cols / kBlock;
+  for (size_t i = 0; i < n; i += 4) {
+    const size_t ti[4] = {i, std::min(i + 1, n - 1), std::min(i + 2, n - 1), std::min(i + 3, n - 1)};
+    __m256 f[4] = {_mm256_setzero_ps(), _mm256_setzero_ps(), _mm256_setzero_ps(), _mm256_setzero_ps()};
+    for (size_t g = 0; g < groups; ++g) {
+      const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(&p.corr[g * 8]));
+      __m256i a[4] = {c, c, c, c};
+      const int8_t* wg = p.w.data() + g * kGroup * 8;
+      const uint8_t* x[4];
+      for (size_t t = 0; t < 4; ++t) x[t] = xu + ti[t] * cols + g * kGroup;
+      for (size_t k = 0; k < kGroup / 4; ++k) {
+        const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(wg + 32 * k));
+        for (size_t t = 0; t < 4; ++t) {
+          int32_t v;
+          std::memcpy(&v, x[t] + 4 * k, 4);
+          a[t] = _mm256_dpbusd_epi32(a[t], _mm256_set1_epi32(v), w);
+        }
+      }
+      const __m256 d = _mm256_loadu_ps(&p.d[g * 8]);
+      const size_t b = g * kGroup / kBlock;
+      for (size_t t = 0; t < 4; ++t)
+        f[t] = _mm256_fmadd_ps(_mm256_mul_ps(d, _mm256_set1_ps(dx[ti[t] * blocks + b])), _mm256_cvtepi32_ps(a[t]), f[t]);
+      if (p.offsets) {
+        const __m256 m = _mm256_loadu_ps(&p.m[g * 8]);
+        for (size_t t = 0; t < 4; ++t) f[t] = _mm256_fnmadd_ps(m, _mm256_set1_ps(m16[ti[t] * groups + g]), f[t]);
+      }
+    }
+    alignas(32) float out[4][8];
+    for (size_t t = 0; t < 4; ++t) _mm256_store_ps(out[t], f[t]);
+    for (size_t t = 0; t < 4 && i + t < n; ++t)
+      for (size_t j = 0; j < live; ++j) Y[(i + t) * ldy + r0 + j] = out[t][j];
+  }
+}
+
 #else
 bool cpuHasFast() { return false; }
+template <DType kT>
+LLAMA_FAST void unpackFast(const uint8_t* p, Unpacked& u);
+
+LLAMA_FAST void unpackWith(DType t, const uint8_t* p, Unpacked& u) {
+  switch (t) {
+    case kQ2_K: return unpackFast<kQ2_K>(p, u);
+    case kQ3_K: return unpackFast<kQ3_K>(p, u);
+    case kQ4_K: return unpackFast<kQ4_K>(p, u);
+    case kQ5_K: return unpackFast<kQ5_K>(p, u);
+    default: return unpackFast<kQ6_K>(p, u);
+  }
+}
+
+bool cpuHasVnni() { return false; }
 #endif
 
 // ---------------------------------------------------------------------------
@@ -365,18 +913,49 @@ using FloatRowsFn = void (*)(const uint8_t*, size_t, const float*, float*, size_
 using QuantRowsFn = void (*)(const uint8_t*, size_t, const QuantX&, float*, size_t, size_t);
 using QuantiseFn = void (*)(const float*, size_t, QuantX&);
 
+using TileFn = void (*)(const float*, size_t, size_t, const float*, size_t, float*, size_t);
+
 struct Kernels {
   const char* name;
   FloatRowsFn f32, f16, bf16;
-  QuantRowsFn q8, q4;
+  QuantRowsFn q8, q4, q2k, q3k, q4k, q5k, q6k;
   QuantiseFn quantise;
+  TileFn tile;
+  void (*scores)(const float*, const float*, size_t, size_t, size_t, float, float*);
+  void (*mix)(const float*, const float*, size_t, size_t, size_t, float*);
 };
 
-constexpr Kernels kPortable = {"portable",      rowsF32Portable, rowsF16Portable, rowsBF16Portable,
-                               rowsQ8Portable,  rowsQ4Portable,  quantisePortable};
+constexpr Kernels kPortable = {"portable",
+                               rowsF32Portable,
+                               rowsF16Portable,
+                               rowsBF16Portable,
+                               rowsQ8Portable,
+                               rowsQ4Portable,
+                               rowsKPortable<kQ2_K>,
+                               rowsKPortable<kQ3_K>,
+                               rowsKPortable<kQ4_K>,
+                               rowsKPortable<kQ5_K>,
+                               rowsKPortable<kQ6_K>,
+                               quantisePortable,
+                               tilePortable,
+                               attnScoresPortable,
+                               attnMixPortable};
 #if LLAMA_KERNELS_X86
-constexpr Kernels kFast = {"avx2+fma+f16c", rowsFloatFast<LoadF32>, rowsFloatFast<LoadF16>, rowsFloatFast<LoadBF16>,
-                           rowsQuantFast<kQ8Bytes, false>, rowsQuantFast<kQ4Bytes, true>, quantiseFast};
+constexpr Kernels kFast = {"avx2+fma+f16c",
+                           rowsFloatFast<LoadF32>,
+                           rowsFloatFast<LoadF16>,
+                           rowsFloatFast<LoadBF16>,
+                           rowsQuantFast<kQ8Bytes, false>,
+                           rowsQuantFast<kQ4Bytes, true>,
+                           rowsKFast<kQ2_K>,
+                           rowsKFast<kQ3_K>,
+                           rowsKFast<kQ4_K>,
+                           rowsKFast<kQ5_K>,
+                           rowsKFast<kQ6_K>,
+                           quantiseFast,
+                           tileFast,
+                           attnScoresFast,
+                           attnMixFast};
 #endif
 
 std::atomic<bool> gForcePortable{false};
@@ -401,6 +980,11 @@ QuantRowsFn quantRows(const Kernels& k, DType t) {
   switch (t) {
     case kQ8_0: return k.q8;
     case kQ4_0: return k.q4;
+    case kQ2_K: return k.q2k;
+    case kQ3_K: return k.q3k;
+    case kQ4_K: return k.q4k;
+    case kQ5_K: return k.q5k;
+    case kQ6_K: return k.q6k;
     default: return nullptr;
   }
 }
@@ -512,7 +1096,23 @@ uint16_t f32ToF16(float f) {
 
 float bf16ToF32(uint16_t h) { return bitsFloat(uint32_t(h) << 16); }
 
-bool dtypeSupported(uint16_t t) { return t == kF32 || t == kF16 || t == kBF16 || t == kQ8_0 || t == kQ4_0; }
+bool dtypeSupported(uint16_t t) { return blockElems(DType(t)) != 0; }
+
+size_t blockElems(DType t) {
+  switch (t) {
+    case kF32:
+    case kF16:
+    case kBF16: return 1;
+    case kQ8_0:
+    case kQ4_0: return kBlock;
+    case kQ2_K:
+    case kQ3_K:
+    case kQ4_K:
+    case kQ5_K:
+    case kQ6_K: return kSuper;
+  }
+  return 0;
+}
 
 size_t rowBytes(DType t, size_t cols) {
   switch (t) {
@@ -521,8 +1121,8 @@ size_t rowBytes(DType t, size_t cols) {
     case kBF16: return cols * 2;
     case kQ8_0: return cols % kBlock ? 0 : cols / kBlock * kQ8Bytes;
     case kQ4_0: return cols % kBlock ? 0 : cols / kBlock * kQ4Bytes;
+    default: return isKQuant(t) && cols % kSuper == 0 ? cols / kSuper * superBytes(t) : 0;
   }
-  return 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -534,11 +1134,12 @@ void matvecRows(DType t, const void* W, size_t cols, const float* x, float* y, s
   const uint8_t* w = static_cast<const uint8_t*>(W);
   if (FloatRowsFn fn = floatRows(k, t)) return fn(w, cols, x, y, r0, r1);
   QuantRowsFn fn = quantRows(k, t);
-  if (!fn || cols % kBlock) return fillNaN(y, r0, r1);
+  if (!fn || rowBytes(t, cols) == 0) return fillNaN(y, r0, r1);
   const size_t blocks = cols / kBlock;
   QuantX& qx = threadQuantX();
   qx.reserve(blocks);
   k.quantise(x, blocks, qx);
+  if (isKQuant(t)) qx.fillSums(blocks);
   fn(w, cols, qx, y, r0, r1);
 }
 
@@ -552,14 +1153,113 @@ void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, 
     return pool.run(rows, [&](size_t b, size_t e) { fn(w, cols, x, y, b, e); });
   }
   QuantRowsFn fn = quantRows(k, t);
-  if (!fn || cols % kBlock) return fillNaN(y, 0, rows);
+  if (!fn || rowBytes(t, cols) == 0) return fillNaN(y, 0, rows);
   // x is quantised once, here, and every thread reads the same blocks.
   const size_t blocks = cols / kBlock;
   QuantX& qx = threadQuantX();
   qx.reserve(blocks);
   k.quantise(x, blocks, qx);
+  if (isKQuant(t)) qx.fillSums(blocks);
   if (serial) return fn(w, cols, qx, y, 0, rows);
   pool.run(rows, [&](size_t b, size_t e) { fn(w, cols, qx, y, b, e); });
+}
+
+#if LLAMA_KERNELS_X86
+void matmulVnni(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* X, size_t n, float* Y) {
+  const size_t blocks = cols / kBlock;
+  const bool k = isKQuant(t);
+  thread_local std::vector<uint8_t> xu;
+  thread_local std::vector<float> dx, m16;
+  xu.resize(n * cols);
+  dx.resize(n * blocks);
+  m16.resize(k ? n * blocks * 2 : 0);
+  uint8_t* xup = xu.data();
+  float* dxp = dx.data();
+  float* m16p = m16.data();
+  pool.run(n, [&](size_t b, size_t e) {
+    QuantX& qx = threadQuantX();
+    qx.reserve(blocks);
+    for (size_t i = b; i < e; ++i) {
+      quantiseFast(X + i * cols, blocks, qx);
+      for (size_t c = 0; c < cols; ++c) xup[i * cols + c] = uint8_t(qx.q[c] + 128);
+      std::memcpy(dxp + i * blocks, qx.d.data(), blocks * sizeof(float));
+      if (k) {
+        qx.fillSums(blocks);
+        std::memcpy(m16p + i * blocks * 2, qx.m16.data(), blocks * 2 * sizeof(float));
+      }
+    }
+  });
+  // Groups of 8 rows, handed out one at a time.
+  const size_t groups = (rows + 7) / 8;
+  std::atomic<size_t> next{0};
+  const uint8_t* w = static_cast<const uint8_t*>(W);
+  pool.run(std::min<size_t>(pool.size(), groups), [&](size_t, size_t) {
+    thread_local Packed8 p;
+    for (size_t g; (g = next.fetch_add(1, std::memory_order_relaxed)) < groups;) {
+      pack8(t, w, rows, cols, g * 8, p);
+      const size_t live = std::min<size_t>(8, rows - g * 8);
+      if (k) tileVnni<16>(p, cols, xup, dxp, m16p, n, Y, rows, g * 8, live);
+      else tileVnni<kBlock>(p, cols, xup, dxp, m16p, n, Y, rows, g * 8, live);
+    }
+  });
+}
+#endif
+
+void matmul(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* X, size_t n, float* Y) {
+  if (n == 1) return matvec(pool, t, W, rows, cols, X, Y);
+  if (rows == 0 || n == 0) return;
+  const Kernels& k = kernels();
+  if (blockElems(t) == 0 || rowBytes(t, cols) == 0) {
+    for (size_t i = 0; i < n; ++i) fillNaN(Y + i * rows, 0, rows);
+    return;
+  }
+#if LLAMA_KERNELS_X86
+  if (t != kF32 && t != kF16 && t != kBF16 && &k != &kPortable && cpuHasVnni())
+    return matmulVnni(pool, t, W, rows, cols, X, n, Y);
+#endif
+  // The quantised types see x as its 8-bit blocks, as matvec does.
+  thread_local std::vector<float> xr;
+  if (blockElems(t) > 1) {
+    xr.resize(n * cols);
+    float* dst = xr.data();
+    pool.run(n, [&](size_t b, size_t e) {
+      const size_t blocks = cols / kBlock;
+      QuantX& qx = threadQuantX();
+      qx.reserve(blocks);
+      for (size_t i = b; i < e; ++i) {
+        k.quantise(X + i * cols, blocks, qx);
+        for (size_t c = 0; c < cols; ++c) dst[i * cols + c] = qx.d[c / kBlock] * float(qx.q[c]);
+      }
+    });
+    X = xr.data();
+  }
+  // Blocks of rows whose f32 form (about 96 KiB) stays in the core's cache
+  // while every token passes over it.
+  const size_t chunk = std::max<size_t>(2, (96 * 1024 / 4 / cols) & ~size_t(1));
+  const size_t chunks = (rows + chunk - 1) / chunk;
+  const uint8_t* w = static_cast<const uint8_t*>(W);
+  const size_t rb = rowBytes(t, cols);
+  const bool fastQ8 = t == kQ8_0 && &k != &kPortable;
+  // Threads take blocks one at a time, so one that runs slow (on a busy
+  // machine) holds up nothing.
+  std::atomic<size_t> next{0};
+  pool.run(std::min<size_t>(pool.size(), chunks), [&](size_t, size_t) {
+    thread_local std::vector<float> wf;
+    wf.resize(chunk * cols);
+    for (size_t c; (c = next.fetch_add(1, std::memory_order_relaxed)) < chunks;) {
+      const size_t r0 = c * chunk, nr = std::min(chunk, rows - r0);
+      for (size_t r = 0; r < nr; ++r) {
+#if LLAMA_KERNELS_X86
+        if (fastQ8) {
+          dequantQ8Fast(w + (r0 + r) * rb, cols, wf.data() + r * cols);
+          continue;
+        }
+#endif
+        dequantRow(t, w, r0 + r, cols, wf.data() + r * cols);
+      }
+      k.tile(wf.data(), nr, cols, X, n, Y + r0, rows);
+    }
+  });
 }
 
 void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out) {
@@ -589,8 +1289,24 @@ void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out) {
         }
       }
       return;
+    default:
+      if (!isKQuant(t) || cols % kSuper) break;
+      Unpacked u;
+      for (size_t s = 0; s < cols / kSuper; ++s, w += superBytes(t)) {
+        unpacker(t)(w, u);
+        for (size_t i = 0; i < kSuper; ++i) out[s * kSuper + i] = u.scale[i / 16] * float(u.q[i]) - u.min[i / 16];
+      }
+      return;
   }
   fillNaN(out, 0, cols);
+}
+
+void attnScores(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale, float* scores) {
+  kernels().scores(q, keys, stride, count, n, scale, scores);
+}
+
+void attnMix(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out) {
+  kernels().mix(a, vals, stride, count, n, out);
 }
 
 const char* kernelPath() { return kernels().name; }

@@ -1,6 +1,7 @@
-// The number crunching of the llama runtime: matrix-vector products over
-// weights stored as F32, F16, BF16, Q8_0 or Q4_0 rows, row dequantisation,
-// and a small pool that spreads rows over all cores. The AVX2/FMA/F16C
+// The number crunching of the llama runtime: matrix-vector and batched
+// matrix products over weights stored as F32, F16, BF16, Q8_0, Q4_0 or the
+// K-quant super-blocks (Q2_K..Q6_K), row dequantisation, and a small pool
+// that spreads rows over all cores. The AVX2/FMA/F16C
 // paths are chosen at run time from what the CPU reports; a portable path
 // stands behind them.
 #pragma once
@@ -17,11 +18,16 @@
 namespace llama {
 
 // Tensor element types, in ggml numbering as the GGUF importer writes them.
-enum DType : uint16_t { kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ8_0 = 8, kBF16 = 30 };
+enum DType : uint16_t {
+  kF32 = 0, kF16 = 1, kQ4_0 = 2, kQ8_0 = 8, kQ2_K = 10, kQ3_K = 11, kQ4_K = 12, kQ5_K = 13, kQ6_K = 14, kBF16 = 30
+};
 
 bool dtypeSupported(uint16_t t);
-// Bytes of one row of `cols` elements (cols a multiple of 32 for Q8_0/Q4_0);
-// 0 for an unsupported type or a quantised row that is not whole blocks.
+// Elements per block: 1 for the float types, 32 for Q8_0/Q4_0, 256 for the
+// K-quants; 0 for a type we don't run.
+size_t blockElems(DType t);
+// Bytes of one row of `cols` elements; 0 for an unsupported type or a
+// quantised row that is not whole blocks.
 size_t rowBytes(DType t, size_t cols);
 
 // Half and bfloat16 conversions, exact for every value (round to nearest
@@ -36,6 +42,12 @@ float bf16ToF32(uint16_t h);
 // which is within the error those formats carry anyway; F32, F16 and BF16
 // accumulate in f32 without rounding x.
 void matvecRows(DType t, const void* W, size_t cols, const float* x, float* y, size_t r0, size_t r1);
+
+// Attention over `count` cached rows, `stride` floats apart, of which the
+// first n floats are read: scores[t] = scale * dot(q, keys[t]), and
+// out = sum_t a[t] * vals[t].
+void attnScores(const float* q, const float* keys, size_t stride, size_t count, size_t n, float scale, float* scores);
+void attnMix(const float* a, const float* vals, size_t stride, size_t count, size_t n, float* out);
 
 // Row `row` of W as f32 into out[0, cols).
 void dequantRow(DType t, const void* W, size_t row, size_t cols, float* out);
@@ -77,5 +89,13 @@ class ThreadPool {
 
 // matvecRows over all rows, spread over the pool.
 void matvec(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* x, float* y);
+
+// Y[i * rows + r] = sum_c W[r][c] * X[i * cols + c] for the n rows of X,
+// spread over the pool. Each block of weight rows is unpacked once (to
+// 8-bit groups for AVX-512 VNNI, else to f32) and used for every row of X
+// while it is in cache. The quantised types round X to 8 bits per block of
+// 32 first, exactly as matvec does, so row i of Y matches matvec of row i
+// of X up to the order of float additions.
+void matmul(ThreadPool& pool, DType t, const void* W, size_t rows, size_t cols, const float* X, size_t n, float* Y);
 
 }  // namespace llama

@@ -111,13 +111,20 @@ uint32_t limit(const Session& s) {
   return n;
 }
 
-// Feeds tokens at the following positions; false when the context is full.
+// Feeds tokens at the following positions, as batches; false (with nothing
+// fed) when they don't fit in the context.
 bool feed(Session& s, const std::vector<int32_t>& tokens) {
-  for (int32_t t : tokens) {
-    if (s.pos >= limit(s)) return false;
-    s.model.forward(t, s.pos++);
-  }
+  if (tokens.empty()) return true;
+  if (uint64_t(s.pos) + tokens.size() > limit(s)) return false;
+  s.model.forwardBatch(tokens.data(), tokens.size(), s.pos);
+  s.pos += uint32_t(tokens.size());
   return true;
+}
+
+// Says on standard error why `tokens` can't be fed.
+void tooLong(const Session& s, size_t tokens) {
+  std::fprintf(stderr, "zan_llama: the prompt is %zu tokens; with %u already in use the context of %u holds only %u more\n",
+               tokens, s.pos, limit(s), limit(s) - std::min(s.pos, limit(s)));
 }
 
 // Samples up to maxNew tokens after what was fed, handing each piece of text
@@ -203,10 +210,13 @@ int32_t probe(const char* path, ZANRuntimeProbe* out) {
   if (!h.magicOk() || (h.kind != tov::zan2::kKindModel && h.kind != tov::zan2::kKindLegacyModel)) return 1;
   tov::ZAN2Reader r;
   if (!r.open(path).ok()) return 1;
-  std::string arch;
-  if (!r.getMetaStr("general.architecture", arch) || arch != "llama") return 1;
-  out->confidence = 80;
-  out->architecture = "llama";
+  // Every model container is claimed, so that create can say which
+  // architecture it doesn't run.
+  static std::string arch;
+  r.getMetaStr("general.architecture", arch);
+  const bool known = arch == "llama" || arch == "mistral" || arch == "qwen2" || arch == "qwen3";
+  out->confidence = known ? 80 : 10;
+  out->architecture = arch.c_str();
   out->backend = "cpu";
   out->reason = "ZAN2 llama model";
   return 0;
@@ -236,6 +246,10 @@ int32_t create(const char* modelPath, const char* hint, void** outHandle, char* 
       kv = llama::KvType::Q8_0;
     } else if (item == "kv=q4_0") {
       kv = llama::KvType::Q4_0;
+    } else if (item.rfind("batch=", 0) == 0) {
+      // Prompt tokens per batch; 1 runs them one at a time.
+      const long long n = std::atoll(item.c_str() + 6);
+      if (n > 0) s->model.setMaxBatch(size_t(std::min<long long>(n, 4096)));
     }
     at = end + 1;
   }
@@ -244,6 +258,11 @@ int32_t create(const char* modelPath, const char* hint, void** outHandle, char* 
     return 1;
   }
   const llama::Tokenizer& tok = s->model.tokenizer();
+  static bool warned = false;
+  if (!tok.warning().empty() && !warned) {
+    std::fprintf(stderr, "zan_llama: %s\n", tok.warning().c_str());
+    warned = true;
+  }
   if (int32_t id = tok.find("<|im_end|>"); id >= 0 && tok.find("<|im_start|>") >= 0) {
     s->tmpl = Template::ChatML;
     s->endOfTurn = id;
@@ -261,9 +280,11 @@ int32_t generate(void* handle, const char* prompt, const ZANGenParams* params, c
   configureFrom(s, params);
   s.pos = 0;
   const llama::Tokenizer& tok = s.model.tokenizer();
-  std::vector<int32_t> tokens = tok.encode(prompt ? prompt : "", tok.addBos());
+  // Control tokens the file marks (such as "<|im_start|>") stay whole.
+  std::vector<int32_t> tokens = tok.encode(prompt ? prompt : "", tok.addBos(), true);
   if (tokens.empty() && tok.bos() >= 0) tokens.push_back(tok.bos());
   if (tokens.empty() || !feed(s, tokens)) {
+    if (!tokens.empty()) tooLong(s, tokens.size());
     answer("", out, outCap);
     return tokens.empty() ? 2 : 3;  // nothing to complete, or the prompt doesn't fit
   }
@@ -285,11 +306,16 @@ bool feedTurn(Session& s, const char* text) {
   const bool first = s.firstTurn;
   std::vector<int32_t> tokens = turnTokens(s, text ? text : "");
   if (start + tokens.size() < limit(s)) return feed(s, tokens);
-  if (first) return false;
+  if (first) {
+    tooLong(s, tokens.size());
+    return false;
+  }
   s.pos = 0;
   s.firstTurn = true;
   tokens = turnTokens(s, text ? text : "");
-  return tokens.size() < limit(s) && feed(s, tokens);
+  if (tokens.size() < limit(s) && feed(s, tokens)) return true;
+  tooLong(s, tokens.size());
+  return false;
 }
 
 int32_t chatStream(void* handle, const char* text, ZANTokenFn onToken, void* user, volatile int* stop) {
@@ -390,5 +416,27 @@ ZAN_PLUGIN_EXPORT int zan_llama_test_run(const char* model, const int32_t* token
   }
   destroy(handle);
   return 0;
+}
+
+// For tests and the bench: feeds `n` tokens from position 0 as one prompt
+// (the create hint's batch= sets how many go through together), and gives
+// the logits after the last (vocab floats into `logits`, if given) and the
+// milliseconds the prompt took. 0, or 1 when the model can't be loaded or
+// the prompt doesn't fit.
+ZAN_PLUGIN_EXPORT int zan_llama_test_prompt(const char* model, const int32_t* tokens, int n, float* logits,
+                                            double* ms, const char* hint) {
+  void* handle = nullptr;
+  char err[512] = {};
+  if (n <= 0 || create(model, hint ? hint : "cpu", &handle, err, sizeof err) != 0) {
+    std::fprintf(stderr, "zan_llama_test_prompt: %s\n", err);
+    return 1;
+  }
+  Session& s = *static_cast<Session*>(handle);
+  const auto start = std::chrono::steady_clock::now();
+  const bool ok = feed(s, std::vector<int32_t>(tokens, tokens + n));
+  if (ms) *ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  if (ok && logits) std::memcpy(logits, s.model.logits().data(), s.model.hp().vocab * sizeof(float));
+  destroy(handle);
+  return ok ? 0 : 1;
 }
 }

@@ -117,38 +117,84 @@ const ByteAlphabet& byteAlphabet() {
   return a;
 }
 
-// ------------------------------------------------- GPT-2 pre-tokenisation
+// ------------------------------------------------------ pre-tokenisation
+
+#include "plugins/llama/unicode_classes.inc"
 
 enum class Cls : uint8_t { Letter, Digit, Space, Other };
 
-// ASCII classes exactly; every non-ASCII character (and every broken byte)
-// counts as a letter.
-Cls classOf(std::string_view s, size_t i) {
+bool inRanges(const uint32_t (*r)[2], size_t n, uint32_t cp) {
+  size_t lo = 0, hi = n;
+  while (lo < hi) {
+    const size_t mid = (lo + hi) / 2;
+    if (cp < r[mid][0]) hi = mid;
+    else if (cp > r[mid][1]) lo = mid + 1;
+    else return true;
+  }
+  return false;
+}
+
+// The code point of the character at s[i] of `len` bytes (a broken byte
+// stands for itself).
+uint32_t codePoint(std::string_view s, size_t i, size_t len) {
   const auto b = uint8_t(s[i]);
-  if (b >= 0x80) return Cls::Letter;
-  if ((b >= 'a' && b <= 'z') || (b >= 'A' && b <= 'Z')) return Cls::Letter;
-  if (b >= '0' && b <= '9') return Cls::Digit;
-  if (b == ' ' || (b >= '\t' && b <= '\r')) return Cls::Space;
+  if (len == 1) return b;
+  uint32_t cp = b & (0xFFu >> (len + 1));
+  for (size_t k = 1; k < len; ++k) cp = cp << 6 | (uint8_t(s[i + k]) & 0x3Fu);
+  return cp;
+}
+
+Cls classOf(uint32_t cp) {
+  if (cp < 0x80) {
+    if ((cp >= 'a' && cp <= 'z') || (cp >= 'A' && cp <= 'Z')) return Cls::Letter;
+    if (cp >= '0' && cp <= '9') return Cls::Digit;
+    if (cp == ' ' || (cp >= '\t' && cp <= '\r')) return Cls::Space;
+    return Cls::Other;
+  }
+  switch (cp) {
+    case 0x85: case 0xA0: case 0x1680: case 0x2028: case 0x2029: case 0x202F: case 0x205F: case 0x3000:
+      return Cls::Space;
+    default: break;
+  }
+  if (cp >= 0x2000 && cp <= 0x200A) return Cls::Space;
+  if (inRanges(kLetterRanges, std::size(kLetterRanges), cp)) return Cls::Letter;
+  if (inRanges(kNumberRanges, std::size(kNumberRanges), cp)) return Cls::Digit;
   return Cls::Other;
 }
 
 struct Char {
   size_t off, len;
   Cls cls;
+  char ascii;  // the character when it is ASCII, else 0
 };
 
-// Splits `text` into the words of the GPT-2 pattern
-//   's|'t|'re|'ve|'m|'ll|'d| ?\p{L}+| ?\p{N}+| ?[^\s\p{L}\p{N}]+|\s+(?!\S)|\s+
-// as byte ranges.
-void gpt2Words(std::string_view text, std::vector<std::pair<size_t, size_t>>& words) {
+// Splits `text` into words by one of the patterns
+//   GPT-2:  's|'t|'re|'ve|'m|'ll|'d| ?\p{L}+| ?\p{N}+| ?[^\s\p{L}\p{N}]+|\s+(?!\S)|\s+
+//   llama3: (?i:'s|'t|'re|'ve|'m|'ll|'d)|[^\r\n\p{L}\p{N}]?\p{L}+|\p{N}{1,3}|
+//           ?[^\s\p{L}\p{N}]+[\r\n]*|\s*[\r\n]+|\s+(?!\S)|\s+
+//   qwen2:  as llama3 with \p{N} for \p{N}{1,3}
+// as byte ranges: at each point the first alternative that matches wins.
+void preWords(PreSplit kind, std::string_view text, std::vector<std::pair<size_t, size_t>>& words) {
   std::vector<Char> cs;
   for (size_t i = 0; i < text.size();) {
     const size_t len = charLen(text, i);
-    cs.push_back({i, len, classOf(text, i)});
+    const uint32_t cp = codePoint(text, i, len);
+    cs.push_back({i, len, len == 1 && uint8_t(text[i]) >= 0x80 ? Cls::Letter : classOf(cp), cp < 0x80 ? char(cp) : '\0'});
     i += len;
   }
   const size_t n = cs.size();
-  auto is = [&](size_t k, char c) { return k < n && text[cs[k].off] == c && cs[k].len == 1; };
+  const bool fold = kind != PreSplit::Gpt2;  // contractions in any case
+  auto is = [&](size_t k, char c) {
+    if (k >= n) return false;
+    const char a = cs[k].ascii;
+    return a == c || (fold && a >= 'A' && a <= 'Z' && a + ('a' - 'A') == c);
+  };
+  auto cls = [&](size_t k) { return k < n ? cs[k].cls : Cls::Space; };
+  auto newline = [&](size_t k) { return k < n && (cs[k].ascii == '\r' || cs[k].ascii == '\n'); };
+  auto run = [&](size_t k, Cls c) {
+    while (k < n && cs[k].cls == c) ++k;
+    return k;
+  };
   size_t i = 0;
   while (i < n) {
     size_t end = i;  // one past the last character of this word
@@ -157,20 +203,37 @@ void gpt2Words(std::string_view text, std::vector<std::pair<size_t, size_t>>& wo
     } else if (is(i, '\'') && ((is(i + 1, 'r') && is(i + 2, 'e')) || (is(i + 1, 'v') && is(i + 2, 'e')) ||
                                (is(i + 1, 'l') && is(i + 2, 'l')))) {
       end = i + 3;
-    } else {
+    } else if (kind == PreSplit::Gpt2) {
       size_t j = i;
       if (is(i, ' ') && i + 1 < n && cs[i + 1].cls != Cls::Space) j = i + 1;
       if (cs[j].cls != Cls::Space) {
-        end = j;
-        while (end < n && cs[end].cls == cs[j].cls) ++end;
+        end = run(j, cs[j].cls);
       } else {
         // A run of whitespace: all of it at the end of the text, else all
         // but its last character (which may start the next word), and at
         // least one.
-        size_t k = i;
-        while (k < n && cs[k].cls == Cls::Space) ++k;
+        const size_t k = run(i, Cls::Space);
         end = (k == n || k - i == 1) ? k : k - 1;
       }
+    } else if (cls(i) == Cls::Letter) {
+      end = run(i, Cls::Letter);
+    } else if (cls(i) != Cls::Digit && !newline(i) && cls(i + 1) == Cls::Letter) {
+      end = run(i + 1, Cls::Letter);
+    } else if (cls(i) == Cls::Digit) {
+      const size_t most = kind == PreSplit::Qwen2 ? 1 : 3;
+      end = std::min(run(i, Cls::Digit), i + most);
+    } else if (cls(i) == Cls::Other || (is(i, ' ') && cls(i + 1) == Cls::Other)) {
+      end = run(cls(i) == Cls::Other ? i : i + 1, Cls::Other);
+      while (newline(end)) ++end;
+    } else {
+      // Whitespace: up to its last newline when it has one; otherwise as
+      // in the GPT-2 split.
+      const size_t k = run(i, Cls::Space);
+      size_t lastNl = n;
+      for (size_t m = i; m < k; ++m)
+        if (newline(m)) lastNl = m;
+      if (lastNl != n) end = lastNl + 1;
+      else end = (k == n || k - i == 1) ? k : k - 1;
     }
     const size_t from = cs[i].off, to = end < n ? cs[end].off : text.size();
     words.emplace_back(from, to - from);
@@ -240,10 +303,29 @@ void mergeSymbols(std::string_view text, std::vector<Sym>& syms, const KeyOf& ke
 
 }  // namespace
 
+std::vector<std::string_view> splitWords(PreSplit kind, std::string_view text) {
+  std::vector<std::pair<size_t, size_t>> words;
+  preWords(kind, text, words);
+  std::vector<std::string_view> out;
+  for (const auto& [off, len] : words) out.push_back(text.substr(off, len));
+  return out;
+}
+
 // ------------------------------------------------------------ Tokenizer
 
-bool Tokenizer::init(const tov::TokenizerData& data, std::string& err) {
+bool Tokenizer::init(const tov::TokenizerData& data, std::string& err, std::string_view pre) {
   *this = Tokenizer();
+  if (pre.empty() || pre == "default" || pre == "gpt2" || pre == "gpt-2") {
+    pre_ = PreSplit::Gpt2;
+  } else if (pre == "llama-bpe" || pre == "llama3" || pre == "llama-v3") {
+    pre_ = PreSplit::Llama3;
+  } else if (pre == "qwen2") {
+    pre_ = PreSplit::Qwen2;
+  } else {
+    pre_ = PreSplit::Gpt2;
+    if (data.name == "gpt2")
+      warning_ = "unknown pre-tokenizer \"" + std::string(pre.substr(0, 64)) + "\": using the GPT-2 split";
+  }
   if (data.name == "llama") {
     kind_ = Kind::Spm;
   } else if (data.name == "gpt2") {
@@ -313,8 +395,17 @@ bool Tokenizer::init(const tov::TokenizerData& data, std::string& err) {
 
   if (kind_ == Kind::Bpe) {
     mergeRank_.reserve(data.merges.size());
-    for (size_t r = 0; r < data.merges.size() && r <= size_t(INT32_MAX); ++r)
-      mergeRank_.emplace(data.merges[r], int32_t(r));  // a repeated merge keeps its first rank
+    for (size_t r = 0; r < data.merges.size() && r <= size_t(INT32_MAX); ++r) {
+      const std::string& m = data.merges[r];
+      const size_t sp = m.find(' ');
+      if (sp == std::string::npos || sp == 0 || sp + 1 == m.size() || ids_.count(std::string_view(m).substr(0, sp)) == 0 ||
+          ids_.count(std::string_view(m).substr(sp + 1)) == 0) {
+        err = "the tokenizer's merge " + std::to_string(r) + " (\"" + m.substr(0, 64) +
+              "\") does not join two tokens of its vocabulary";
+        return false;
+      }
+      mergeRank_.emplace(m, int32_t(r));  // a repeated merge keeps its first rank
+    }
   }
 
   auto id = [](uint32_t v) { return v == kAbsent ? -1 : int32_t(v); };
@@ -423,7 +514,7 @@ void Tokenizer::encodeSpm(std::string_view text, bool prefix, std::vector<int32_
 void Tokenizer::encodeBpe(std::string_view text, std::vector<int32_t>& out) const {
   const ByteAlphabet& alpha = byteAlphabet();
   std::vector<std::pair<size_t, size_t>> words;
-  gpt2Words(text, words);
+  preWords(pre_, text, words);
   std::string mapped, pairText;
   std::vector<Sym> syms;
   for (const auto& [off, len] : words) {

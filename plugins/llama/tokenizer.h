@@ -1,6 +1,10 @@
 // Text to token ids and back for the llama runtime, from the tokenizer
 // section of a model container: SentencePiece-style BPE by piece scores
 // with byte fallback ("llama"), and byte-level BPE by merge ranks ("gpt2").
+// Byte-level BPE first splits text into words by the pre-tokenizer the
+// model names: the GPT-2 split, the llama-3 one ("llama-bpe": letters with
+// one leading non-letter, digits in threes, newlines kept with the run
+// before them) or qwen2's (the same with single digits).
 // Decoding streams: bytes of a character that spans tokens are held back
 // until the character is complete, so every piece handed out is valid UTF-8.
 #pragma once
@@ -16,13 +20,23 @@
 
 namespace llama {
 
+enum class PreSplit { Gpt2, Llama3, Qwen2 };
+
+// The words of `text` under a pre-tokenizer split, in order; together they
+// are the whole text.
+std::vector<std::string_view> splitWords(PreSplit kind, std::string_view text);
+
 class Tokenizer {
  public:
   enum class Kind { Spm, Bpe };
 
-  // From the container's tokenizer data; false with `err` for an empty or
-  // inconsistent vocabulary or an unknown tokenizer name.
-  bool init(const tov::TokenizerData& data, std::string& err);
+  // From the container's tokenizer data and the pre-tokenizer name ("" for
+  // the default); false with `err` for an empty or inconsistent vocabulary,
+  // merges that name unknown tokens or an unknown tokenizer name. A
+  // pre-tokenizer name we don't know falls back to the GPT-2 split and
+  // leaves a note in warning().
+  bool init(const tov::TokenizerData& data, std::string& err, std::string_view pre = "");
+  const std::string& warning() const { return warning_; }
 
   // Token ids of `text`; with `addBos` and a BOS id, BOS first. With
   // `special`, the texts of control tokens (such as "<|im_start|>") that
@@ -57,6 +71,8 @@ class Tokenizer {
   void encodeBpe(std::string_view text, std::vector<int32_t>& out) const;
 
   Kind kind_ = Kind::Spm;
+  PreSplit pre_ = PreSplit::Gpt2;
+  std::string warning_;
   std::vector<std::string> vocab_;
   std::vector<float> scores_;    // one per token (0 when the data has none)
   std::vector<uint32_t> types_;  // one per token, GGUF token types 1..6

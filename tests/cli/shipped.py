@@ -108,7 +108,7 @@ def main():
     os.makedirs(opts.work, exist_ok=True)
 
     rc, out, err = zan(opts, "importer", "list")
-    check(rc == 0 and "  gguf       GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0) caps=0x0 ext=.gguf\n" in out,
+    check(rc == 0 and "  gguf       GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0 Q2_K..Q6_K) caps=0x0 ext=.gguf\n" in out,
           f"importer list: {out}{err}")
 
     model, cores = "host CPU", os.sysconf("SC_NPROCESSORS_ONLN")
@@ -177,7 +177,7 @@ def main():
     with open(cut, "wb") as f:
         f.write(open(os.path.join(opts.work, "v3-q8_0.gguf"), "rb").read()[:-1000])
     for src, msg in [(bad, "tensor 'blk.0.attn_q.weight' has type Q4_1, which is not supported "
-                           "(F32, F16, BF16, Q8_0, Q4_0 are)"),
+                           "(F32, F16, BF16, Q8_0, Q4_0, Q2_K, Q3_K, Q4_K, Q5_K, Q6_K are)"),
                      (cut, "tensor 'blk.1.ffn_down.weight' reaches past the end of the file")]:
         dst = os.path.join(opts.work, "refused.zan")
         rc, out, err = zan(opts, "convert", src, dst)

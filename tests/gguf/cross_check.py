@@ -65,15 +65,21 @@ CONFIGS = [
     ("v2 q8_0 llama without test keys", dict(version=2, type="q8_0", test_keys=False, seed=14)),
     ("v3 q8_0 gpt2 200000 tokens (header over several reader chunks)",
      dict(type="q8_0", tokenizer="gpt2", vocab=200000, dim=32, ff=32, heads=2, kv_heads=1, layers=1, seed=15)),
+    ("v3 q4_k llama, K-quant super-blocks", dict(type="q4_k", dim=256, ff=512, layers=1, seed=18)),
+    ("v3 q2_k gpt2", dict(type="q2_k", tokenizer="gpt2", dim=256, ff=256, layers=1, seed=19)),
+    ("v2 q6_k llama tied", dict(version=2, type="q6_k", dim=256, ff=256, layers=1, tied=True, seed=20)),
     ("v3 q4_0 llama 40000 tokens",
      dict(type="q4_0", vocab=40000, dim=32, ff=64, heads=1, kv_heads=1, layers=1, seed=16)),
 ]
 
 # ---------------------------------------------------------------- ggml facts
 
-TYPE_IDS = {"f32": 0, "f16": 1, "q4_0": 2, "q4_1": 3, "q8_0": 8, "bf16": 30}
-BLOCKS = {0: (1, 4), 1: (1, 2), 2: (32, 18), 3: (32, 20), 8: (32, 34), 30: (1, 2)}  # elements, bytes
-FILE_TYPES = {"f32": 0, "f16": 1, "q4_0": 2, "q8_0": 7, "bf16": 32}  # llama.cpp's general.file_type
+TYPE_IDS = {"f32": 0, "f16": 1, "q4_0": 2, "q4_1": 3, "q8_0": 8, "bf16": 30, "q2_k": 10, "q3_k": 11, "q4_k": 12,
+            "q5_k": 13, "q6_k": 14}
+BLOCKS = {0: (1, 4), 1: (1, 2), 2: (32, 18), 3: (32, 20), 8: (32, 34), 30: (1, 2),  # elements, bytes
+          10: (256, 84), 11: (256, 110), 12: (256, 144), 13: (256, 176), 14: (256, 210)}
+FILE_TYPES = {"f32": 0, "f16": 1, "q4_0": 2, "q8_0": 7, "bf16": 32,  # llama.cpp's general.file_type
+              "q2_k": 10, "q3_k": 11, "q4_k": 14, "q5_k": 16, "q6_k": 18}
 
 
 def align(x, a):
@@ -211,7 +217,7 @@ def check_model(errs, c, expect, got, file_size):
     errs.check(got["parameter_count"] == params, "parameter count %s, expected %d" % (got["parameter_count"], params))
 
     meta = {m["key"]: m for m in got["metadata"]}
-    quantised = c["type"] in ("q8_0", "q4_0")
+    quantised = c["type"] not in ("f32", "f16", "bf16")
     want = {
         "general.architecture": ("string", "llama"),
         "general.alignment": ("u32", c["alignment"]),

@@ -3,15 +3,22 @@
 
     reference.py --zan ZAN --gguf-gen GGUF_GEN --plugin ZAN_LLAMA_SO --work DIR
 
-For each weight type, gguf_gen writes a small llama model with seeded random
-weights, `zan convert` turns it into a ZAN2 container, and the runtime's test
-entry (loaded with ctypes) gives the logits after every token of a fixed
-sequence and 32 greedy tokens after them. This script reads the same GGUF
-file itself, dequantises the weights, runs the forward pass in float64 and
+For each weight type and architecture, gguf_gen writes a small model with
+seeded random weights, `zan convert` turns it into a ZAN2 container, and the
+runtime's test entry (loaded with ctypes) gives the logits after every token
+of a fixed sequence and 32 greedy tokens after them. This script reads the
+same GGUF file itself, dequantises the stored blocks (the K-quants from their
+published super-block layouts), runs the forward pass in float64 and
 compares: F32 weights within 1e-4 relative error of the logits and the same
-32 greedy tokens; F16 and BF16 within 1e-3; Q8_0 and Q4_0 within 3e-2, since
-the runtime's quantised kernels also round the activations to 8 bits. Like
-the runtime, the reference keeps cached keys and values as halves.
+32 greedy tokens; F16 and BF16 within 1e-3; the quantised types within 3e-2,
+since the runtime's quantised kernels also round the activations to 8 bits.
+Like the runtime, the reference keeps cached keys and values as halves.
+
+Then prompts of 1, 31, 32, 33 and 500 tokens go through the runtime one
+token at a time and in batches (of 32, so batch edges fall inside, and of
+512): the logits after the last token must agree within rounding (1e-4 for
+float weights; 5e-3 for quantised ones, whose 8-bit activations may round a
+value the other way).
 """
 import argparse
 import ctypes
@@ -87,21 +94,70 @@ def read_gguf(path):
             lo = (blocks["q"] & 15).astype(np.int32) - 8
             hi = (blocks["q"] >> 4).astype(np.int32) - 8
             a = (blocks["d"].astype(np.float64)[:, None] * np.concatenate([lo, hi], axis=1)).reshape(-1)
+        elif t in KQUANT_BYTES:
+            a = dequant_k(t, raw, n)
         else:
             raise ValueError(f"tensor type {t}")
         tensors[name] = a.reshape(list(reversed(dims))) if len(dims) > 1 else a
     return meta, tensors
 
 
+KQUANT_BYTES = {10: 84, 11: 110, 12: 144, 13: 176, 14: 210}
+
+
+def dequant_k(t, raw, n):
+    """K-quant super-blocks of 256 values, as float64 [n]."""
+    nb = n // 256
+    b = np.frombuffer(raw, np.uint8, nb * KQUANT_BYTES[t]).reshape(nb, KQUANT_BYTES[t]).astype(np.int64)
+    half = lambda col: np.frombuffer(b[:, col:col + 2].astype(np.uint8).tobytes(), "<f2").astype(np.float64)[:, None]
+    j = np.arange(4)[None, None, :, None]  # the 2-bit plane within a half of 128
+    h = np.arange(2)[None, :, None, None]
+    if t in (10, 11):
+        qs = b[:, 16:80] if t == 10 else b[:, 32:96]
+        low = (qs.reshape(nb, 2, 1, 32) >> (2 * j)) & 3
+        if t == 10:  # Q2_K: scales[16] (scale | min << 4), qs[64], d, dmin
+            sc, mn = b[:, :16] & 15, b[:, :16] >> 4
+            q = low.reshape(nb, 256)
+            return (np.repeat(half(80) * sc, 16, 1) * q - np.repeat(half(82) * mn, 16, 1)).reshape(-1)
+        # Q3_K: hmask[32], qs[64], scales[12], d
+        hi = (b[:, None, None, :32] >> (4 * h + j)) & 1
+        q = (low - 4 * (1 - hi)).reshape(nb, 256)
+        s = b[:, 96:108]
+        g = np.arange(16)
+        lo4 = np.where(g < 8, s[:, g % 8] & 15, s[:, g % 8] >> 4)
+        hi2 = (s[:, 8 + g % 4] >> (2 * (g // 4))) & 3
+        return (np.repeat(half(108) * ((lo4 | hi2 << 4) - 32), 16, 1) * q).reshape(-1)
+    if t in (12, 13):  # Q4_K / Q5_K: d, dmin, scales[12], (qh[32]), qs[128]
+        s = b[:, 4:16]
+        sc = np.concatenate([s[:, 0:4] & 63, (s[:, 8:12] & 15) | ((s[:, 0:4] >> 6) << 4)], 1)
+        mn = np.concatenate([s[:, 4:8] & 63, (s[:, 8:12] >> 4) | ((s[:, 4:8] >> 6) << 4)], 1)
+        qs = b[:, 48:176] if t == 13 else b[:, 16:144]
+        c = np.arange(4)[None, :, None]
+        lo, hi = qs.reshape(nb, 4, 32) & 15, qs.reshape(nb, 4, 32) >> 4
+        if t == 13:
+            qh = b[:, None, 16:48]
+            lo, hi = lo | ((qh >> (2 * c)) & 1) << 4, hi | ((qh >> (2 * c + 1)) & 1) << 4
+        q = np.stack([lo, hi], 2).reshape(nb, 256)
+        return (np.repeat(half(0) * sc, 32, 1) * q - np.repeat(half(2) * mn, 32, 1)).reshape(-1)
+    # Q6_K: ql[128], qh[64], int8 scales[16], d
+    ql, qh = b[:, :128].reshape(nb, 2, 2, 32), b[:, 128:192].reshape(nb, 2, 1, 32)
+    nib = np.stack([ql[:, :, 0] & 15, ql[:, :, 1] & 15, ql[:, :, 0] >> 4, ql[:, :, 1] >> 4], 2)
+    q = ((nib | ((qh >> (2 * j)) & 3) << 4) - 32).reshape(nb, 256)
+    sc = b[:, 192:208].astype(np.uint8).view(np.int8).astype(np.int64)
+    return (np.repeat(half(208) * sc, 16, 1) * q).reshape(-1)
+
+
 def forward_all(meta, w, tokens, steps):
     """Logits after each token, then `steps` greedy tokens, in float64."""
-    dim = meta["llama.embedding_length"]
-    layers = meta["llama.block_count"]
-    heads = meta["llama.attention.head_count"]
-    kv_heads = meta.get("llama.attention.head_count_kv", heads)
-    eps = meta.get("llama.attention.layer_norm_rms_epsilon", 1e-5)
-    base = meta.get("llama.rope.freq_base", 10000.0)
-    hd = dim // heads
+    arch = meta["general.architecture"]
+    dim = meta[arch + ".embedding_length"]
+    layers = meta[arch + ".block_count"]
+    heads = meta[arch + ".attention.head_count"]
+    kv_heads = meta.get(arch + ".attention.head_count_kv", heads)
+    eps = meta.get(arch + ".attention.layer_norm_rms_epsilon", 1e-5)
+    base = meta.get(arch + ".rope.freq_base", 10000.0)
+    hd = meta.get(arch + ".attention.key_length", dim // heads)
+    neox = arch in ("qwen2", "qwen3")  # rotate (i, i + hd/2), not (2i, 2i + 1)
     group = heads // kv_heads
     out_w = w.get("output.weight", w["token_embd.weight"])
     freqs = base ** (-np.arange(0, hd, 2) / hd)
@@ -114,21 +170,29 @@ def forward_all(meta, w, tokens, steps):
     def rope(v, pos, n):
         v = v.reshape(n, hd).copy()
         c, s = np.cos(pos * freqs), np.sin(pos * freqs)
-        a, b = v[:, 0::2].copy(), v[:, 1::2].copy()
-        v[:, 0::2], v[:, 1::2] = a * c - b * s, a * s + b * c
+        first, second = (slice(0, hd // 2), slice(hd // 2, hd)) if neox else (slice(0, hd, 2), slice(1, hd, 2))
+        a, b = v[:, first].copy(), v[:, second].copy()
+        v[:, first], v[:, second] = a * c - b * s, a * s + b * c
         return v.reshape(-1)
+
+    def proj(p, part, x, n):
+        """A projection with its bias if any, and its per-head norm if any."""
+        y = w[p + f"attn_{part}.weight"] @ x + w.get(p + f"attn_{part}.bias", 0)
+        if p + f"attn_{part}_norm.weight" in w:
+            y = np.concatenate([rms(h, w[p + f"attn_{part}_norm.weight"]) for h in y.reshape(n, hd)])
+        return y
 
     def step(tok, pos):
         x = w["token_embd.weight"][tok].copy()
         for l in range(layers):
             p = f"blk.{l}."
             xb = rms(x, w[p + "attn_norm.weight"])
-            q = rope(w[p + "attn_q.weight"] @ xb, pos, heads)
+            q = rope(proj(p, "q", xb, heads), pos, heads)
             # The runtime keeps keys and values as halves in its cache.
-            kc[l].append(rope(w[p + "attn_k.weight"] @ xb, pos, kv_heads).astype(np.float16).astype(np.float64))
-            vc[l].append((w[p + "attn_v.weight"] @ xb).astype(np.float16).astype(np.float64))
+            kc[l].append(rope(proj(p, "k", xb, kv_heads), pos, kv_heads).astype(np.float16).astype(np.float64))
+            vc[l].append(proj(p, "v", xb, kv_heads).astype(np.float16).astype(np.float64))
             K, V = np.array(kc[l]), np.array(vc[l])
-            out = np.zeros(dim)
+            out = np.zeros(heads * hd)
             for h in range(heads):
                 kv = (h // group) * hd
                 sc = K[:, kv:kv + hd] @ q[h * hd:(h + 1) * hd] / np.sqrt(hd)
@@ -164,18 +228,35 @@ def main():
                     ctypes.c_int, ctypes.POINTER(ctypes.c_int32), ctypes.c_char_p]
     tokens = [1, 5, 17, 40, 3, 88, 21, 9]
     steps = 32
-    cases = [("f32", 1e-4, True), ("f16", 1e-3, True), ("bf16", 1e-3, True), ("q8_0", 3e-2, False),
-             ("q4_0", 3e-2, False)]
+    small = ["--dim", "64", "--ff", "160", "--heads", "4", "--kv-heads", "2"]
+    wide = ["--dim", "256", "--ff", "512", "--heads", "4", "--kv-heads", "2"]  # whole K-quant super-blocks
+    # (name, gguf_gen arguments, logit tolerance, greedy tokens must match)
+    cases = [("f32", small + ["--type", "f32"], 1e-4, True), ("f16", small + ["--type", "f16"], 1e-3, True),
+             ("bf16", small + ["--type", "bf16"], 1e-3, True), ("q8_0", small + ["--type", "q8_0"], 3e-2, False),
+             ("q4_0", small + ["--type", "q4_0"], 3e-2, False)]
+    cases += [(t, wide + ["--type", t], 3e-2, False) for t in ("q2_k", "q3_k", "q4_k", "q5_k", "q6_k", "q4_k_m")]
+    cases += [("mistral-f32", small + ["--type", "f32", "--arch", "mistral"], 1e-4, True),
+              ("qwen2-f32", small + ["--type", "f32", "--arch", "qwen2", "--tied"], 1e-4, True),
+              ("qwen3-f32", small + ["--type", "f32", "--arch", "qwen3", "--head-dim", "32"], 1e-4, True),
+              ("qwen3-q6_k", ["--dim", "256", "--ff", "256", "--heads", "4", "--kv-heads", "1", "--head-dim", "64",
+                              "--type", "q6_k", "--arch", "qwen3"], 3e-2, False)]
+    env = {"PATH": os.environ.get("PATH", ""), "HOME": "/nonexistent"}
     failed = 0
-    for wtype, tol, same_greedy in cases:
-        gg = os.path.join(opts.work, f"ref-{wtype}.gguf")
-        zz = os.path.join(opts.work, f"ref-{wtype}.zan")
-        subprocess.run([opts.gguf_gen, "--out", gg, "--type", wtype, "--dim", "64", "--layers", "2", "--ff", "160",
-                        "--heads", "4", "--kv-heads", "2", "--vocab", "96", "--seed", "7"], check=True)
-        r = subprocess.run([opts.zan, "convert", gg, zz], capture_output=True, text=True,
-                           env={"PATH": os.environ.get("PATH", ""), "HOME": "/nonexistent"})
+
+    def make(name, args):
+        gg = os.path.join(opts.work, f"ref-{name}.gguf")
+        zz = os.path.join(opts.work, f"ref-{name}.zan")
+        subprocess.run([opts.gguf_gen, "--out", gg, "--layers", "2", "--vocab", "96", "--seed", "7"] + args,
+                       check=True)
+        r = subprocess.run([opts.zan, "convert", gg, zz], capture_output=True, text=True, env=env)
         if r.returncode != 0:
-            print(f"FAIL {wtype}: convert: {r.stderr.strip()}")
+            print(f"FAIL {name}: convert: {r.stderr.strip()}")
+            return None, None
+        return gg, zz
+
+    for name, args, tol, same_greedy in cases:
+        gg, zz = make(name, args)
+        if not zz:
             failed += 1
             continue
         meta, w = read_gguf(gg)
@@ -185,19 +266,51 @@ def main():
         greedy = (ctypes.c_int32 * steps)()
         arr = (ctypes.c_int32 * len(tokens))(*tokens)
         if run(zz.encode(), arr, len(tokens), got, steps, greedy, b"cpu;kv=f16;") != 0:
-            print(f"FAIL {wtype}: the runtime could not run the model")
+            print(f"FAIL {name}: the runtime could not run the model")
             failed += 1
             continue
         got_logits = np.array(got, dtype=np.float64).reshape(len(tokens), vocab)
         err = np.max(np.abs(got_logits - want_logits)) / np.max(np.abs(want_logits))
         ok = err <= tol
-        line = f"{wtype}: max relative logit error {err:.2e} (limit {tol:.0e})"
+        line = f"{name}: max relative logit error {err:.2e} (limit {tol:.0e})"
         if same_greedy:
             same = list(greedy) == want_greedy
             ok = ok and same
             line += f", greedy 32 tokens {'identical' if same else 'differ: ' + str(list(greedy)) + ' vs ' + str(want_greedy)}"
         print(("ok   " if ok else "FAIL ") + line)
         failed += not ok
+
+    # Batched against one-at-a-time prompts.
+    prompt = lib.zan_llama_test_prompt
+    prompt.argtypes = [ctypes.c_char_p, ctypes.POINTER(ctypes.c_int32), ctypes.c_int, ctypes.POINTER(ctypes.c_float),
+                       ctypes.POINTER(ctypes.c_double), ctypes.c_char_p]
+    rng = np.random.default_rng(5)
+    # Float weights differ only in the order of additions; with quantised
+    # weights a value next to a rounding edge of the 8-bit activations may
+    # round the other way, one step of 1/127 of its block.
+    for name, args, limit in (("batch-q8_0", small + ["--type", "q8_0", "--ctx", "512"], 5e-3),
+                              ("batch-f16", small + ["--type", "f16", "--ctx", "512", "--arch", "qwen2"], 1e-4),
+                              ("batch-q4_k", wide + ["--type", "q4_k", "--ctx", "512", "--layers", "1"], 5e-3)):
+        _, zz = make(name, args)
+        if not zz:
+            failed += 1
+            continue
+        for n in (1, 31, 32, 33, 500):
+            toks = (ctypes.c_int32 * n)(*rng.integers(0, 96, n).tolist())
+            outs = []
+            for batch in (1, 32, 512):
+                logits = (ctypes.c_float * 96)()
+                rc = prompt(zz.encode(), toks, n, logits, None, f"cpu;kv=f16;ctx=512;batch={batch};".encode())
+                outs.append(np.array(logits, dtype=np.float64) if rc == 0 else None)
+            if any(o is None for o in outs):
+                print(f"FAIL {name} n={n}: the runtime could not run the prompt")
+                failed += 1
+                continue
+            err = max(np.max(np.abs(o - outs[0])) / np.max(np.abs(outs[0])) for o in outs[1:])
+            ok = err <= limit
+            print(("ok   " if ok else "FAIL ") + f"{name} n={n}: batched vs one at a time, max relative difference "
+                  f"{err:.1e} (limit {limit:.0e})")
+            failed += not ok
     return 1 if failed else 0
 
 

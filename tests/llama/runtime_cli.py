@@ -63,7 +63,9 @@ def main():
         rc, out, err = zan("run", model, "-p", "hi", "-kv", "q8_0", "-c", "64", "-n", "8")
         check(rc == 0 and "[cfg] ctx=64 kv=q8_0\n" in err, f"{t}: -kv q8_0 -c 64: {rc} {err}")
         rc, out, err = zan("run", model, "-p", "one two three four five six seven", "-c", "4")
-        check(rc == 1 and err.endswith("zan: generation failed (3)\n"), f"{t}: a prompt over the context: {rc} {err}")
+        check(rc == 1 and re.search(r"zan_llama: the prompt is \d+ tokens; with 0 already in use the context of 4 "
+                                    r"holds only 4 more\nzan: generation failed \(3\)\n$", err),
+              f"{t}: a prompt over the context: {rc} {err}")
 
         rc, out, err = zan("chat", model, "-n", "8", stdin="hello there\n/clear\nagain\n")
         text = out.decode("utf-8", "replace")
@@ -97,12 +99,25 @@ def main():
     rc, out, err = zan("run", broken, "-p", "hi")
     check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
           "missing tensor token_embd.weight\n", f"broken model: {rc} {err!r}")
-    # Another architecture is not claimed at all.
+    # Another architecture is claimed weakly, and create names it.
     other = data.replace(b"\x05\x00\x00\x00llama", b"\x05\x00\x00\x00gemma", 1)
     open(broken, "wb").write(bytes(other))
     rc, out, err = zan("run", broken, "-p", "hi")
-    check(rc == 2 and err == f"runtime unavailable for {broken} (no runtime plugin matched)\n",
+    check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
+          "architecture 'gemma' is not supported (llama, mistral, qwen2 and qwen3 are)\n",
           f"another architecture: {rc} {err!r}")
+
+    # A qwen2 file with a byte-level BPE tokenizer and a pre-tokenizer name
+    # we don't know: it runs on the GPT-2 split and says so, once.
+    gguf = os.path.join(opts.work, "qwen.gguf")
+    model = os.path.join(opts.work, "qwen.zan")
+    subprocess.run([opts.gguf_gen, "--out", gguf, "--type", "q4_k", "--dim", "256", "--ff", "256", "--arch", "qwen2",
+                    "--tokenizer", "gpt2", "--pre", "tekken", "--vocab", "400"], check=True)
+    rc, _, err = zan("convert", gguf, model)
+    check(rc == 0, f"qwen2: convert: {err}")
+    rc, out, err = zan("run", model, "-p", "the cat sat 123", "-n", "8")
+    check(rc == 0 and err == "[plugin-runtime] llama (cpu)\n"
+          "zan_llama: unknown pre-tokenizer \"tekken\": using the GPT-2 split\n", f"qwen2 run: {rc} {err!r}")
 
     rc, out, err = zan("info", os.path.join(opts.work, "llama.zan"))
     check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out.decode(), f"info: {out!r} {err}")

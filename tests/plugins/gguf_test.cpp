@@ -105,8 +105,9 @@ TEST(Gguf, RefusesHostileFiles) {
       {file({}, {{"far", {32}, 0, ~0ULL - 31}}, 128), "tensor 'far' reaches past the end of the file"},
       {file({}, {{"odd", {32}, 0, 8}}, 256), "tensor 'odd' starts at a misaligned offset 8"},
       {file({}, {{"blk.0.attn_q.weight", {32, 2}, 3, 0}}, 256),
-       "tensor 'blk.0.attn_q.weight' has type Q4_1, which is not supported (F32, F16, BF16, Q8_0, Q4_0 are)"},
-      {file({}, {{"q", {33, 2}, 2, 0}}, 256), "tensor 'q' has type Q4_0 with rows that don't fill whole blocks"},
+       "tensor 'blk.0.attn_q.weight' has type Q4_1, which is not supported (F32, F16, BF16, Q8_0, Q4_0, Q2_K, Q3_K, Q4_K, Q5_K, Q6_K are)"},
+      {file({}, {{"q", {33, 2}, 2, 0}}, 256), "tensor 'q' has type Q4_0 with rows of 33 elements, not a multiple of its block of 32"},
+      {file({}, {{"k", {320, 1}, 12, 0}}, 256), "tensor 'k' has type Q4_K with rows of 320 elements, not a multiple of its block of 256"},
       {file({}, {{"five", {1, 1, 1, 1, 1}, 0, 0}}, 64), "tensor 'five' has 5 dimensions (1 to 4 are read)"},
       {file({}, {{"huge", {1ULL << 40, 1ULL << 40}, 0, 0}}, 64), "tensor 'huge' has impossible dimensions"},
   };
@@ -185,7 +186,7 @@ TEST(Gguf, ImporterConvertsAndRefusesCleanly) {
   r.close();
 
   EXPECT_NE(convert(file({}, {{"w", {32, 2}, 3, 0}}, 256), err, tensors), 0);
-  EXPECT_EQ(err, "tensor 'w' has type Q4_1, which is not supported (F32, F16, BF16, Q8_0, Q4_0 are)");
+  EXPECT_EQ(err, "tensor 'w' has type Q4_1, which is not supported (F32, F16, BF16, Q8_0, Q4_0, Q2_K, Q3_K, Q4_K, Q5_K, Q6_K are)");
   const std::string good = file(kMeta, kTensors, kData);
   EXPECT_NE(convert(good.substr(0, good.size() - 50), err, tensors), 0);
   EXPECT_EQ(err, "tensor 'norm' reaches past the end of the file");

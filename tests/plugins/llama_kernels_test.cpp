@@ -130,10 +130,12 @@ TEST(LlamaKernels, Bf16AndTypeTables) {
     size_t cols, bytes;
   };
   const RowCase rows[] = {{kF32, 96, 384}, {kF16, 96, 192}, {kBF16, 96, 192}, {kQ8_0, 96, 102},
-                          {kQ4_0, 96, 54}, {kQ8_0, 40, 0},  {kQ4_0, 33, 0},   {DType(3), 64, 0}};
+                          {kQ4_0, 96, 54}, {kQ8_0, 40, 0},  {kQ4_0, 33, 0},   {DType(3), 64, 0},
+                          {kQ2_K, 512, 168}, {kQ3_K, 256, 110}, {kQ4_K, 256, 144}, {kQ5_K, 256, 176},
+                          {kQ6_K, 256, 210}, {kQ4_K, 288, 0}, {kQ6_K, 32, 0}};
   for (const RowCase& c : rows) EXPECT_EQ(rowBytes(c.t, c.cols), c.bytes) << c.t << " " << c.cols;
   for (uint16_t t = 0; t < 40; ++t)
-    EXPECT_EQ(dtypeSupported(t), t == 0 || t == 1 || t == 2 || t == 8 || t == 30) << t;
+    EXPECT_EQ(dtypeSupported(t), t == 0 || t == 1 || t == 2 || t == 8 || (t >= 10 && t <= 14) || t == 30) << t;
 }
 
 // ---------------------------------------------------------------------------
@@ -144,6 +146,7 @@ struct Weights {
   size_t rows, cols, rowBytes;
   std::vector<uint8_t> storage;
   size_t offset;  // data starts this many bytes into storage: misaligned on purpose
+  std::vector<float> kvals;  // K-quants: every value, from dequantRow
   const uint8_t* data() const { return storage.data() + offset; }
   uint8_t* data() { return storage.data() + offset; }
 
@@ -168,8 +171,8 @@ struct Weights {
         const int nib = j < 16 ? (blk[2 + j] & 15) : (blk[2 + j - 16] >> 4);
         return halfValue(u16(blk)) * double(nib - 8);
       }
+      default: return kvals[r * cols + c];  // the numpy reference checks these against the layouts
     }
-    return NAN;
   }
 };
 
@@ -216,6 +219,19 @@ Weights makeWeights(DType t, size_t rows, size_t cols, uint32_t seed) {
           for (size_t i = 0; i < 16; ++i) row[18 * b + 2 + i] = uint8_t(rng());
         }
         break;
+      default: {
+        // Random bytes, then finite f16 scales where each K type keeps them.
+        const size_t bytes = rowBytes(t, 256);
+        for (size_t i = 0; i < w.rowBytes; ++i) row[i] = uint8_t(rng());
+        for (size_t b = 0; b < cols / 256; ++b) {
+          uint8_t* blk = row + b * bytes;
+          const size_t at = t == kQ2_K ? 80 : t == kQ3_K ? 108 : t == kQ6_K ? 208 : 0;
+          put16(blk + at, randomHalf(rng, 6, 12));
+          if (t == kQ2_K || t == kQ4_K || t == kQ5_K) put16(blk + at + 2, randomHalf(rng, 6, 12));
+        }
+        w.kvals.resize((r + 1) * cols);
+        dequantRow(t, p, r, cols, w.kvals.data() + r * cols);
+      }
     }
   }
   return w;
@@ -256,10 +272,12 @@ struct TypeCase {
 // Float weights: exact products, f32 sums. Quantised weights: x goes to 8 bits
 // per block, an error of up to max|x|/254 per element.
 const TypeCase kTypes[] = {
-    {kF32, "F32", 1e-5}, {kF16, "F16", 1e-5}, {kBF16, "BF16", 1e-5}, {kQ8_0, "Q8_0", 1e-2}, {kQ4_0, "Q4_0", 1e-2},
+    {kF32, "F32", 1e-5},  {kF16, "F16", 1e-5},  {kBF16, "BF16", 1e-5}, {kQ8_0, "Q8_0", 1e-2}, {kQ4_0, "Q4_0", 1e-2},
+    {kQ2_K, "Q2_K", 1e-2}, {kQ3_K, "Q3_K", 1e-2}, {kQ4_K, "Q4_K", 1e-2}, {kQ5_K, "Q5_K", 1e-2}, {kQ6_K, "Q6_K", 1e-2},
 };
 // Quantised rows are whole blocks; float rows may also end in a partial vector.
 std::vector<size_t> colsFor(DType t) {
+  if (blockElems(t) == 256) return {256, 512, 4096};
   std::vector<size_t> cols = {32, 64, 96, 4096 + 32};
   if (t != kQ8_0 && t != kQ4_0) cols.insert(cols.end(), {1, 13, 45, 4096 + 32 + 5});
   return cols;
@@ -303,7 +321,7 @@ TEST(LlamaKernels, FastAndPortablePathsAgree) {
   forcePortable(false);
   if (std::string(kernelPath()) == "portable") GTEST_SKIP() << "this CPU has no AVX2+FMA+F16C";
   for (const TypeCase& tc : kTypes) {
-    const size_t rows = 9, cols = 4096 + 32;
+    const size_t rows = 9, cols = blockElems(tc.t) == 256 ? 4096 : 4096 + 32;
     const Weights w = makeWeights(tc.t, rows, cols, 11);
     const std::vector<float> x = makeX(cols, 12);
     std::vector<float> fast(rows), portable(rows);
@@ -324,7 +342,7 @@ TEST(LlamaKernels, MatvecOverPoolMatchesReference) {
     ThreadPool pool(3);
     for (const TypeCase& tc : kTypes)
       for (size_t rows : {size_t(1), size_t(5), size_t(301)}) {
-        const size_t cols = 4096 + 32;
+        const size_t cols = blockElems(tc.t) == 256 ? 4096 : 4096 + 32;
         const Weights w = makeWeights(tc.t, rows, cols, uint32_t(rows));
         const std::vector<float> x = makeX(cols, 5);
         std::vector<float> y(rows, -7.f);
@@ -334,8 +352,39 @@ TEST(LlamaKernels, MatvecOverPoolMatchesReference) {
   });
 }
 
+// A batch through matmul gives, token by token, what matvec gives (the
+// same 8-bit x for the quantised types), on odd numbers of rows and tokens.
+TEST(LlamaKernels, MatmulMatchesMatvecPerToken) {
+  onEachPath([](const std::string& path) {
+    ThreadPool pool(2);
+    for (const TypeCase& tc : kTypes)
+      for (size_t rows : {size_t(1), size_t(37)})
+        for (size_t n : {size_t(2), size_t(7)}) {
+          const size_t cols = blockElems(tc.t) == 256 ? 512 : blockElems(tc.t) == 32 ? 96 : 45;
+          const Weights w = makeWeights(tc.t, rows, cols, uint32_t(rows + n));
+          std::vector<float> X;
+          for (size_t i = 0; i < n; ++i) {
+            const std::vector<float> x = makeX(cols, uint32_t(i));
+            X.insert(X.end(), x.begin(), x.end());
+          }
+          std::vector<float> Y(n * rows, -7.f), y(rows);
+          matmul(pool, tc.t, w.data(), rows, cols, X.data(), n, Y.data());
+          for (size_t i = 0; i < n; ++i) {
+            matvec(pool, tc.t, w.data(), rows, cols, X.data() + i * cols, y.data());
+            for (size_t r = 0; r < rows; ++r) {
+              double mag = 0;
+              for (size_t c = 0; c < cols; ++c) mag += std::fabs(w.at(r, c) * X[i * cols + c]);
+              EXPECT_LE(std::fabs(double(Y[i * rows + r]) - y[r]), 1e-5 * mag + 1e-30)
+                  << path << " " << tc.name << " rows " << rows << " token " << i << " row " << r;
+            }
+          }
+        }
+  });
+}
+
 TEST(LlamaKernels, DequantRowFollowsTheBlockFormulas) {
   for (const TypeCase& tc : kTypes) {
+    if (blockElems(tc.t) == 256) continue;  // the numpy reference decodes these
     const size_t rows = 5, cols = 96;
     const Weights w = makeWeights(tc.t, rows, cols, 3);
     std::vector<float> out(cols);

@@ -251,6 +251,51 @@ TEST(LlamaTokenizer, BpePreTokenisation) {
                          });
 }
 
+// Words of each pre-tokenizer split, worked out by hand from its pattern:
+// contractions (llama-3 and qwen2 in any case), letters with one leading
+// non-letter, digits whole / in threes / one by one, whitespace runs that
+// leave their last space to the next word, newlines kept with the run
+// before them, punctuation runs, non-ASCII letters and emoji (not letters).
+TEST(LlamaTokenizer, PreTokenizerSplits) {
+  using llama::PreSplit;
+  struct Case {
+    PreSplit kind;
+    const char* text;
+    std::vector<std::string_view> words;
+  };
+  const Case cases[] = {
+      {PreSplit::Gpt2, "I'm don'T", {"I", "'m", " don", "'", "T"}},
+      {PreSplit::Gpt2, "hello  world 12345", {"hello", " ", " world", " 12345"}},
+      {PreSplit::Gpt2, "Hi!!! ok\n\nb", {"Hi", "!!!", " ok", "\n", "\n", "b"}},
+      {PreSplit::Gpt2, "caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC \xF0\x9F\x91\x8D\xF0\x9F\x91\x8D x",
+       {"caf\xC3\xA9", " \xE6\x97\xA5\xE6\x9C\xAC", " \xF0\x9F\x91\x8D\xF0\x9F\x91\x8D", " x"}},
+      {PreSplit::Llama3, "I'M don'T", {"I", "'M", " don", "'T"}},
+      {PreSplit::Llama3, "price: 1234567", {"price", ":", " ", "123", "456", "7"}},
+      {PreSplit::Llama3, "(hello) world", {"(hello", ")", " world"}},
+      {PreSplit::Llama3, "a\n\nb", {"a", "\n\n", "b"}},
+      {PreSplit::Llama3, "x  \n  y", {"x", "  \n", " ", " y"}},
+      {PreSplit::Llama3, "!!!\n\nok  ", {"!!!\n\n", "ok", "  "}},
+      {PreSplit::Llama3, "ok \xF0\x9F\x91\x8D\xF0\x9F\x91\x8D \xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E" "12",
+       {"ok", " \xF0\x9F\x91\x8D\xF0\x9F\x91\x8D", " \xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E", "12"}},
+      {PreSplit::Qwen2, "price: 1234", {"price", ":", " ", "1", "2", "3", "4"}},
+      {PreSplit::Qwen2, "We'RE\tgo", {"We", "'RE", "\tgo"}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(llama::splitWords(c.kind, c.text), c.words) << c.text;
+
+  // A name we don't know: the GPT-2 split, and a note for the runtime to
+  // show; merges must join tokens of the vocabulary.
+  llama::Tokenizer t;
+  std::string err;
+  const std::vector<Tok> v = {{"a", 0, 1}, {"b", 0, 1}, {"ab", 0, 1}};
+  ASSERT_TRUE(t.init(makeData("gpt2", v, {"a b"}), err, "tekken")) << err;
+  EXPECT_EQ(t.warning(), "unknown pre-tokenizer \"tekken\": using the GPT-2 split");
+  ASSERT_TRUE(t.init(makeData("gpt2", v, {"a b"}), err, "qwen2")) << err;
+  EXPECT_EQ(t.warning(), "");
+  EXPECT_FALSE(t.init(makeData("gpt2", v, {"a b", "ab c"}), err));
+  EXPECT_EQ(err, "the tokenizer's merge 1 (\"ab c\") does not join two tokens of its vocabulary");
+  EXPECT_FALSE(t.init(makeData("gpt2", v, {"ab"}), err));
+}
+
 TEST(LlamaTokenizer, BpePiecesAndRoundTrip) {
   const llama::Tokenizer t = bpe();
   EXPECT_EQ(t.kind(), llama::Tokenizer::Kind::Bpe);
