@@ -14,71 +14,53 @@ constexpr uint32_t kDst = 0x2000;  // text destinations; 8 bytes are dumped from
 // Logs every operation as "name(args)"; numbers come back as `num`, texts
 // as `reply`.
 struct RecordingHost : UiHost {
-  std::string log;
+  std::string log, reply = "hello";
   int num = -5;
-  std::string reply = "hello";
-  void rec(const std::string& s) { log += (log.empty() ? "" : " ") + s; }
-  static std::string j(std::initializer_list<long long> v) {
+  template <class... T>
+  void rec(const char* name, const T&... args) {
     std::string s;
-    for (long long x : v) s += (s.empty() ? "" : ",") + std::to_string(x);
-    return s;
+    int n = 0;
+    ((s += n++ ? "," : "", s += str(args)), ...);
+    log += (log.empty() ? "" : " ") + std::string(name) + "(" + s + ")";
   }
-  bool winOpen(const std::string& t, int w, int h, int f) override {
-    rec("winOpen(" + t + "," + j({w, h, f}) + ")");
-    return true;
-  }
+  static std::string str(const std::string& v) { return v; }
+  static std::string str(long long v) { return std::to_string(v); }
+  bool winOpen(const std::string& t, int w, int h, int f) override { return rec("winOpen", t, w, h, f), true; }
   bool winPump() override { return rec("winPump"), false; }
   void present() override { rec("present"); }
-  void clear(uint32_t c) override { rec("clear(" + j({c}) + ")"); }
-  void fillRect(int x, int y, int w, int h, uint32_t c) override {
-    rec("fillRect(" + j({x, y, w, h, c}) + ")");
-  }
-  void line(int a, int b, int c, int d, uint32_t col, int w) override {
-    rec("line(" + j({a, b, c, d, col, w}) + ")");
-  }
-  void circle(int x, int y, int r, uint32_t c) override { rec("circle(" + j({x, y, r, c}) + ")"); }
-  void text(int x, int y, const std::string& s, uint32_t c, int sc) override {
-    rec("text(" + j({x, y}) + "," + s + "," + j({c, sc}) + ")");
-  }
+  void clear(uint32_t c) override { rec("clear", c); }
+  void fillRect(int x, int y, int w, int h, uint32_t c) override { rec("fillRect", x, y, w, h, c); }
+  void line(int a, int b, int c, int d, uint32_t k, int w) override { rec("line", a, b, c, d, k, w); }
+  void circle(int x, int y, int r, uint32_t c) override { rec("circle", x, y, r, c); }
+  void text(int x, int y, const std::string& s, uint32_t c, int k) override { rec("text", x, y, s, c, k); }
   int pollEvent(int&, int&) override { return rec("pollEvent"), num; }
   int eventX() const override { return num; }
-  void sleepMs(int ms) override { rec("sleepMs(" + j({ms}) + ")"); }
-  void uiOpen(const std::string& t, int w, int h) override { rec("uiOpen(" + t + "," + j({w, h}) + ")"); }
+  void sleepMs(int ms) override { rec("sleepMs", ms); }
+  void uiOpen(const std::string& t, int w, int h) override { rec("uiOpen", t, w, h); }
   void uiCmd(uint32_t a, uint32_t b, uint32_t c, uint32_t d, uint32_t e, GuestMem m, int f) override {
-    rec("uiCmd(" + j({a, b, c, d, e, (long long)m.size, f}) + ")");
+    rec("uiCmd", a, b, c, d, e, (long long)m.size, f);
   }
   uint32_t uiPresent(GuestMem m, uint32_t block) override {
     uint32_t* w = reinterpret_cast<uint32_t*>(m.base + block);
-    rec("uiPresent(" + j({block, w[0], w[1], w[29]}) + ")");
+    rec("uiPresent", block, w[0], w[1], w[29]);
     w[0] = 9;
     w[3] = 77;
     return 0;
   }
-  uint32_t uiResultWord(uint32_t i) const override { return uint32_t(num); }
-  int fetchStart(const std::string& u, const std::string& p) override {
-    rec("fetchStart(" + u + "," + p + ")");
-    return num;
-  }
+  uint32_t uiResultWord(uint32_t) const override { return uint32_t(num); }
+  int fetchStart(const std::string& u, const std::string& p) override { return rec("fetchStart", u, p), num; }
   int fetchState(int) const override { return num; }
-  bool fetchCancel(int job) override { return rec("fetchCancel(" + j({job}) + ")"), true; }
+  bool fetchCancel(int job) override { return rec("fetchCancel", job), true; }
   std::string fetchFile(int) const override { return reply; }
   std::string storeReport(int) const override { return reply; }
   std::string storeText(int a, int b, uint32_t c) const override {
-    const_cast<RecordingHost*>(this)->rec("storeText(" + j({a, b, c}) + ")");
-    return reply;
+    return const_cast<RecordingHost*>(this)->rec("storeText", a, b, c), reply;
   }
   std::string installOutput(int) const override { return reply; }
-  bool dataRead(const std::string& k, std::string* v) override {
-    rec("dataRead(" + k + ")");
-    return false;
-  }
-  int imageId(int id, bool round) override { return rec("imageId(" + j({id, round}) + ")"), num; }
-  int textWidth(const std::string& s, uint32_t size) override {
-    return rec("textWidth(" + s + "," + j({size}) + ")"), num;
-  }
-  bool dataWrite(const std::string& k, const std::string& v) override {
-    return rec("dataWrite(" + k + "," + v + ")"), true;
-  }
+  bool dataRead(const std::string& k, std::string*) override { return rec("dataRead", k), false; }
+  int imageId(int id, bool round) override { return rec("imageId", id, round), num; }
+  int textWidth(const std::string& s, uint32_t n) override { return rec("textWidth", s, n), num; }
+  bool dataWrite(const std::string& k, const std::string& v) override { return rec("dataWrite", k, v), true; }
 };
 
 struct HostRow {
@@ -88,7 +70,6 @@ struct HostRow {
   uint64_t result;
   std::string mem = std::string(8, 'M');  // the 8 bytes at kDst afterwards
   std::string reply = "hello";
-  std::string err = {};
 };
 
 TEST(ZanbHostCall, OperationsArgumentsAndResults) {
@@ -96,8 +77,8 @@ TEST(ZanbHostCall, OperationsArgumentsAndResults) {
   const std::vector<HostRow> rows = {
       {10, {0x100, 5, 32, 24, 7}, "winOpen(hello,32,24,7)", 1},
       {10, {0x100, 2, uint64_t(-1), 0, 0}, "winOpen(he,-1,0,0)", 1},
-      {11, {}, "winPump", 0},
-      {12, {}, "present", 0},
+      {11, {}, "winPump()", 0},
+      {12, {}, "present()", 0},
       {13, {0xFF112233}, "clear(4279312947)", 0},
       {14, {uint64_t(-3), 2, 3, 4, 0xFF}, "fillRect(-3,2,3,4,255)", 0},
       {15, {1, 2, 3, 4, 5, 6}, "line(1,2,3,4,5,6)", 0},
@@ -107,7 +88,7 @@ TEST(ZanbHostCall, OperationsArgumentsAndResults) {
       {17, {1, 2, 0x100, 3, 9, 0}, "text(1,2,hel,9,0)", 0},
       {17, {1, 2, 0, 0, 9, 1}, "text(1,2,,9,1)", 0},
       // Signed results reach the slot sign-extended for 18, 20, 21 only.
-      {18, {}, "pollEvent", neg5},
+      {18, {}, "pollEvent()", neg5},
       {20, {}, "", neg5},
       {25, {0}, "", neg5u32},
       {31, {3}, "", neg5u32},
