@@ -22,7 +22,7 @@ bool inBox(ll px, ll py, ll x, ll y, ll w, ll h) { return px >= x && px < x + w 
 // 'l' line(a,b)-(c,d), 'c' circle(a,b, r c).
 struct Draw {
   char op;
-  ll a, b, c, d, e;
+  ll a, b, c, d = 0, e = 0;
   // Whether the call paints (px, py), straight from the definitions.
   bool on(ll px, ll py) const {
     switch (op) {
