@@ -229,9 +229,9 @@ TEST(UiRuntimeHost, TextDrawsGlyphBitsOrHollowBoxes) {
     for (int y = 0; y < 40; ++y)
       for (int x = 0; x < 40; ++x) ASSERT_EQ(h.window->canvas.pixels[y * 40 + x], expected(x, y)) << x << "," << y;
   };
-  // No font: an 8x16 hollow box; scale 0 draws as 1.
-  h.text(1, 2, "a", C, 0);
-  check([](int x, int y) { return inBox(x, y, 1, 2, 8, 16) && !inBox(x, y, 2, 3, 6, 14) ? C : B; });
+  // No font: 8x16 hollow boxes, cut by the bottom edge; scale 0 draws as 1.
+  h.text(1, 30, "a", C, 0);
+  check([](int x, int y) { return inBox(x, y, 1, 30, 8, 16) && !inBox(x, y, 2, 31, 6, 14) ? C : B; });
 
   // PSF1 4 rows high, scale 2, a line feed: the second 'A' right under the first.
   ASSERT_TRUE(h.parsePsf(psf1(4)));
