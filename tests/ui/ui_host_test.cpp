@@ -4,7 +4,9 @@
 
 #include <climits>
 #include <cstdlib>
+#include <fstream>
 
+#include "tests/test_tmp.h"
 #include "ui/ui_host.h"
 #include "ui/ui_window_impl.h"
 #include "ui/zan_ui_runtime.h"
@@ -218,6 +220,18 @@ TEST(UiRuntimeHost, PsfFontsAreCheckedBeforeTheyReplaceTheGlyphs) {
     EXPECT_FALSE(h.parsePsf(bad[i])) << i;
     EXPECT_EQ(h.glyphWidth * 100 + h.glyphCount, 1004u) << i;
   }
+  // Files that are missing, or not fonts (gzip'd or plain), change nothing either.
+  const std::string dir = testTempDir() + "a dir/";
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir + "text.psf") << "not a font";
+  std::ofstream(dir + "text.psf.gz") << "not gzip";
+  for (const char* name : {"missing.psf", "missing.psf.gz", "text.psf", "text.psf.gz"})
+    EXPECT_FALSE(h.loadOne(dir + name)) << name;
+  EXPECT_EQ(h.glyphWidth * 100 + h.glyphCount, 1004u);
+  const std::vector<uint8_t> font = psf1(8);
+  std::ofstream(dir + "ok.psf", std::ios::binary).write(reinterpret_cast<const char*>(font.data()), font.size());
+  EXPECT_TRUE(h.loadOne(dir + "ok.psf"));
+  EXPECT_EQ(h.glyphWidth * 1000 + h.glyphCount, 8256u);
 }
 
 TEST(UiRuntimeHost, TextDrawsGlyphBitsOrHollowBoxes) {
