@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/compat.h"
 #include "cli/commands.h"
 #include "plugin/plugin_manager.h"
 
@@ -101,6 +102,7 @@ bool claims(const Command& c, const char* word) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  zanCompatInitConsole();
   if (argc <= 1) {
     std::fputs(helpText(false).c_str(), stdout);
     return 2;
