@@ -10,7 +10,7 @@ PREFIX      ?= /usr/local
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps demo test bench test-asan fuzz install windows clean
+.PHONY: all deps demo test bench test-asan fuzz install windows test-windows clean
 
 all: deps
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
@@ -54,13 +54,19 @@ fuzz: deps
 	cmake --build $(FUZZ) -j $(JOBS) --target json_fuzz zan2_fuzz gguf_fuzz app_fuzz zan2_seeds gguf_gen
 	@scripts/fuzz $(FUZZ) $(FUZZ_TIME)
 
-# A cross-build for 64-bit Windows with MinGW-w64: the window and drawing
-# host (ui/, with its Win32 layer) for now.
+# zan.exe and the plugin DLLs for 64-bit Windows, cross-built with MinGW-w64
+# into $(WINDOWS) (plugins in $(WINDOWS)/plugins), with the tests.
+WINDOWS_DEPS = g++-mingw-w64-x86-64-posix wine64 xvfb xauth
 windows: deps
-	@scripts/install-deps g++-mingw-w64-x86-64-posix
-	cmake -S . -B $(WINDOWS) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DZAN_TESTS=OFF -DZAN_BENCH=OFF \
-	  $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(WINDOWS) -j $(JOBS) --target zanui
+	@scripts/install-deps $(WINDOWS_DEPS)
+	cmake -S . -B $(WINDOWS) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DCMAKE_BUILD_TYPE=Release \
+	  -DZAN_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(WINDOWS) -j $(JOBS)
+
+# The unit tests and every CLI case file against the Windows build, under
+# wine with a virtual display.
+test-windows: windows
+	@scripts/test-windows $(WINDOWS) -j $(JOBS)
 
 clean:
 	rm -rf $(BUILD) $(RELEASE) $(ASAN) $(FUZZ) $(WINDOWS)

@@ -4,6 +4,7 @@
 
 #ifndef _WIN32
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 
 #include <unistd.h>
@@ -30,4 +31,22 @@ void zanCompatSleepMs(unsigned ms) {
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
 }
+
+void zanCompatInitConsole() {}
+
+unsigned zanCompatCpuCount() {
+  const long n = sysconf(_SC_NPROCESSORS_ONLN);
+  return n > 0 ? unsigned(n) : 1;
+}
+
+uint64_t zanCompatMemoryBytes() {
+  const long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGESIZE);
+  return pages > 0 && page > 0 ? uint64_t(pages) * uint64_t(page) : 0;
+}
+
+int zanCompatRename(const char* from, const char* to) { return std::rename(from, to) == 0 ? 0 : -1; }
+
+int zanCompatDeviceName(const char*) { return 0; }
+
+int zanCompatNetInit() { return 0; }
 #endif

@@ -5,10 +5,9 @@
 #pragma once
 
 #include <cstddef>
-
-#ifdef _WIN32
 #include <cstdint>
 
+#ifdef _WIN32
 // Values as on Linux; on Windows the flags are accepted and ignored.
 #define RTLD_LAZY 0x1
 #define RTLD_NOW 0x2
@@ -59,3 +58,23 @@ int zanCompatExePath(char* buf, size_t size);
 int zanCompatIsatty(int fd);
 // Blocks the calling thread for `ms` milliseconds.
 void zanCompatSleepMs(unsigned ms);
+
+// Readies the standard streams once at start: on Windows standard output and
+// error pass bytes through unchanged (no CR before LF) and a console shows
+// them as UTF-8; standard input stays in text mode, so a console line ends in
+// a plain LF. Elsewhere it does nothing.
+void zanCompatInitConsole();
+// Logical processors online, at least 1.
+unsigned zanCompatCpuCount();
+// Physical memory in bytes, 0 when unknown.
+uint64_t zanCompatMemoryBytes();
+// Renames `from` to `to`, replacing a file already at `to` on every
+// platform (Windows' own rename refuses to): 0, or -1.
+int zanCompatRename(const char* from, const char* to);
+// Non-zero if the last part of `path` names a device rather than a file:
+// on Windows CON, PRN, AUX, NUL, COM1-9 and LPT1-9, in any case and with any
+// extension ("nul.txt" too), and paths under "\\.\". Always 0 elsewhere.
+int zanCompatDeviceName(const char* path);
+// Starts the platform's socket library before the first socket call; safe to
+// call more than once. 0, or -1 when sockets cannot be used.
+int zanCompatNetInit();

@@ -12,6 +12,9 @@
 #endif
 #include <windows.h>
 
+#include <winsock2.h>
+
+#include <fcntl.h>
 #include <io.h>
 
 #include <climits>
@@ -94,6 +97,8 @@ char* dlerror() {
     char utf8[192 * 3 + 1];
     int n = WideCharToMultiByte(CP_UTF8, 0, wmsg, int(wlen), utf8, int(sizeof utf8) - 1, nullptr,
                                 nullptr);
+    // System texts end in a line break, which a message line adds itself.
+    while (n > 0 && (utf8[n - 1] == '\n' || utf8[n - 1] == '\r' || utf8[n - 1] == ' ')) --n;
     if (n > 0) {
       if (n > 255) {
         n = 255;
@@ -208,5 +213,64 @@ int zanCompatExePath(char* buf, size_t size) {
 int zanCompatIsatty(int fd) { return _isatty(fd); }
 
 void zanCompatSleepMs(unsigned ms) { Sleep(ms); }
+
+void zanCompatInitConsole() {
+  // Text mode would turn every LF into CR LF; the output is the same bytes
+  // as on every other platform. Input keeps text mode: a console line then
+  // ends in LF and Ctrl-Z ends the input, as Windows users expect.
+  std::fflush(stdout);
+  std::fflush(stderr);
+  _setmode(_fileno(stdout), _O_BINARY);
+  _setmode(_fileno(stderr), _O_BINARY);
+  // A console decodes what it is given in its output code page.
+  SetConsoleOutputCP(CP_UTF8);
+  SetConsoleCP(CP_UTF8);
+}
+
+unsigned zanCompatCpuCount() {
+  const DWORD n = GetActiveProcessorCount(ALL_PROCESSOR_GROUPS);
+  return n > 0 ? unsigned(n) : 1;
+}
+
+uint64_t zanCompatMemoryBytes() {
+  MEMORYSTATUSEX st;
+  st.dwLength = sizeof st;
+  return GlobalMemoryStatusEx(&st) ? uint64_t(st.ullTotalPhys) : 0;
+}
+
+int zanCompatRename(const char* from, const char* to) {
+  wchar_t wfrom[kPathChars], wto[kPathChars];
+  if (!from || !to || MultiByteToWideChar(CP_UTF8, 0, from, -1, wfrom, kPathChars) == 0 ||
+      MultiByteToWideChar(CP_UTF8, 0, to, -1, wto, kPathChars) == 0)
+    return -1;
+  return MoveFileExW(wfrom, wto, MOVEFILE_REPLACE_EXISTING) ? 0 : -1;
+}
+
+int zanCompatDeviceName(const char* path) {
+  if (!path) return 0;
+  if (std::strncmp(path, "\\\\.\\", 4) == 0 || std::strncmp(path, "//./", 4) == 0) return 1;
+  const char* name = path;
+  for (const char* p = path; *p; ++p)
+    if (*p == '/' || *p == '\\' || (*p == ':' && p == path + 1)) name = p + 1;
+  // The stem: up to the first dot, trailing blanks dropped.
+  size_t n = 0;
+  while (name[n] && name[n] != '.' && name[n] != ':') ++n;
+  while (n > 0 && name[n - 1] == ' ') --n;
+  char stem[5] = {};
+  if (n < 3 || n > 4) return 0;
+  for (size_t i = 0; i < n; ++i) stem[i] = char(name[i] >= 'a' && name[i] <= 'z' ? name[i] - 32 : name[i]);
+  if (n == 3) return !std::strcmp(stem, "CON") || !std::strcmp(stem, "PRN") || !std::strcmp(stem, "AUX") ||
+                     !std::strcmp(stem, "NUL");
+  return (!std::strncmp(stem, "COM", 3) || !std::strncmp(stem, "LPT", 3)) && stem[3] >= '1' && stem[3] <= '9';
+}
+
+int zanCompatNetInit() {
+  // WSAStartup counts its calls; one successful start lasts the process.
+  static const int status = [] {
+    WSADATA data;
+    return WSAStartup(MAKEWORD(2, 2), &data) == 0 ? 0 : -1;
+  }();
+  return status;
+}
 
 #endif  // _WIN32

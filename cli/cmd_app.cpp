@@ -78,6 +78,11 @@ int cmdPackApp(int argc, char** argv) {
     return 2;
   }
   if (output.empty()) output = baseName(input) + ".zan";
+  for (const std::string* p : {&input, &output})
+    if (zanCompatDeviceName(p->c_str())) {
+      std::fprintf(stderr, "zan pack: %s names a device, not a file\n", p->c_str());
+      return 1;
+    }
 
   PackOptions opts;
   std::vector<File> files;
@@ -210,6 +215,10 @@ int cmdAppInfo(int argc, char** argv) {
   }
   std::string manifest, err;
   std::vector<File> files;
+  if (zanCompatDeviceName(path)) {
+    std::fprintf(stderr, "zan appinfo: %s names a device, not a file\n", path);
+    return 1;
+  }
   if (!tov::zanapp::read(path, manifest, files, err)) {
     std::fprintf(stderr, "zan appinfo: %s\n", err.c_str());
     return 1;

@@ -25,6 +25,9 @@ volatile int* gChatStop = nullptr;
 
 void chatSigint(int) {
   if (gChatStop) *gChatStop = 1;
+  // Windows puts the default back before each call; stay in place until the
+  // turn ends.
+  std::signal(SIGINT, chatSigint);
 }
 
 void chatOnToken(const char* bytes, uint32_t length, void* user) {

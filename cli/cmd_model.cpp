@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/compat.h"
 #include "cli/commands.h"
 #include "container/zan2.h"
 #include "plugin/plugin_manager.h"
@@ -177,6 +178,10 @@ int cmdType(int argc, char** argv) {
     return 2;
   }
   const char* path = argv[2];
+  if (zanCompatDeviceName(path)) {
+    std::fprintf(stderr, "zan type: %s names a device, not a file\n", path);
+    return 1;
+  }
   FILE* f = std::fopen(path, "rb");
   if (!f) {
     std::fprintf(stderr, "zan type: cannot open %s\n", path);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/compat.h"
 #include "bytecode/zanb.h"
 #include "bytecode/zanb_vm.h"
 #include "cli/commands.h"
@@ -88,6 +89,10 @@ int cmdRun(int argc, char** argv) {
     return 2;
   }
   std::string path = argv[2];
+  if (zanCompatDeviceName(argv[2])) {
+    std::fprintf(stderr, "zan run: %s names a device, not a file\n", argv[2]);
+    return 1;
+  }
   if (endsWith(path, ".zanb") || endsWith(path, ".zana")) return cmdRunModuleFile(argv[2], argc, argv, 3);
   if (isAppContainer(argv[2])) return cmdRunAppContainer(argv[2], argc, argv, 3);
   return cmdRunModel(argc, argv);

@@ -7,7 +7,8 @@
 #include <cstring>
 
 #include <dirent.h>
-#include <unistd.h>
+
+#include "base/compat.h"
 
 CpuSummary readCpuSummary(const std::string& root) {
   CpuSummary s;
@@ -28,8 +29,7 @@ CpuSummary readCpuSummary(const std::string& root) {
     std::fclose(f);
   }
   if (s.count == 0) {
-    const long n = sysconf(_SC_NPROCESSORS_ONLN);
-    s.count = n > 0 ? static_cast<unsigned>(n) : 0;
+    s.count = zanCompatCpuCount();
   }
   return s;
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/compat.h"
 #include "cli/commands.h"
 #include "packages/cmd_install.h"
 #include "packages/install_pipeline.h"
@@ -124,6 +125,7 @@ bool claims(const Command& c, const char* word) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  zanCompatInitConsole();
   if (argc <= 1) {
     std::fputs(helpText(false).c_str(), stdout);
     return 2;

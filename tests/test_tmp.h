@@ -9,6 +9,14 @@
 
 #include <unistd.h>
 
+#ifdef _WIN32
+#include <cstdlib>
+// The POSIX environment calls the tests use. An empty value removes the
+// variable here: the C runtime keeps no empty ones.
+inline int setenv(const char* name, const char* value, int) { return _putenv_s(name, value); }
+inline int unsetenv(const char* name) { return _putenv_s(name, ""); }
+#endif
+
 inline const std::string& testTempDir() {
   struct Dir {
     std::filesystem::path path;

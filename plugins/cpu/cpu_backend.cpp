@@ -5,8 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include <unistd.h>
-
+#include "base/compat.h"
 #include "plugin/zan_plugin.h"
 
 namespace {
@@ -38,10 +37,8 @@ const Host& host() {
       }
       std::fclose(f);
     }
-    const long n = sysconf(_SC_NPROCESSORS_ONLN);
-    h.cores = n > 0 ? static_cast<unsigned>(n) : 1;
-    const long pages = sysconf(_SC_PHYS_PAGES), page = sysconf(_SC_PAGESIZE);
-    h.memory = pages > 0 && page > 0 ? static_cast<uint64_t>(pages) * static_cast<uint64_t>(page) : 0;
+    h.cores = zanCompatCpuCount();
+    h.memory = zanCompatMemoryBytes();
     h.name = h.model + " (" + std::to_string(h.cores) + " logical cores)";
     return h;
   }();

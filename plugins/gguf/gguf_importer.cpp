@@ -207,7 +207,7 @@ int32_t convert(const char* src, const ZANConvertRequest* req) {
     setErr(req, err);
     return 1;
   }
-  if (std::rename(tmp.c_str(), dst.c_str()) != 0) {
+  if (zanCompatRename(tmp.c_str(), dst.c_str()) != 0) {
     const std::string why = std::strerror(errno);
     std::remove(tmp.c_str());
     setErr(req, "cannot move the output into place at " + dst + ": " + why);

@@ -13,6 +13,16 @@
 #include <unistd.h>
 
 #include "base/compat.h"
+#include "tests/test_tmp.h"
+
+#ifdef _WIN32
+#include <io.h>
+// A library every process has, and a function in it.
+constexpr const char* kSystemLib = "msvcrt.dll";
+int pipe(int fds[2]) { return _pipe(fds, 4096, 0); }
+#else
+constexpr const char* kSystemLib = "libm.so.6";
+#endif
 
 namespace {
 
@@ -64,13 +74,13 @@ TEST(Compat, SleepBlocksAtLeastThatLong) {
 }
 
 TEST(Compat, DlopenRealLibrary) {
-  void* lib = dlopen("libm.so.6", RTLD_NOW | RTLD_LOCAL);
+  void* lib = dlopen(kSystemLib, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(lib, nullptr) << dlerror();
   void* sym = dlsym(lib, "cos");
   ASSERT_NE(sym, nullptr) << dlerror();
   double (*cosFn)(double) = reinterpret_cast<double (*)(double)>(sym);
   EXPECT_EQ(cosFn(0.0), 1.0);
-  EXPECT_DOUBLE_EQ(cosFn(M_PI), -1.0);
+  EXPECT_DOUBLE_EQ(cosFn(std::acos(-1.0)), -1.0);
   EXPECT_EQ(dlsym(lib, "zan_no_such_symbol"), nullptr);
   EXPECT_NE(dlerror(), nullptr);
   EXPECT_EQ(dlclose(lib), 0);
@@ -84,8 +94,8 @@ TEST(Compat, DlopenMissingLibraryFailsWithText) {
 }
 
 TEST(Compat, MmapOutlivesItsDescriptor) {
-  char path[] = "/tmp/zan-compat-XXXXXX";
-  int fd = mkstemp(path);
+  std::string path = testTempDir() + "mapped-XXXXXX";
+  int fd = mkstemp(path.data());
   ASSERT_GE(fd, 0);
   std::string content;
   for (int i = 0; i < 10000; ++i) content += char('a' + i % 26);
@@ -93,7 +103,7 @@ TEST(Compat, MmapOutlivesItsDescriptor) {
 
   void* view = mmap(nullptr, content.size(), PROT_READ, MAP_PRIVATE, fd, 0);
   close(fd);
-  unlink(path);
+  unlink(path.c_str());
   ASSERT_NE(view, MAP_FAILED);
   EXPECT_EQ(madvise(view, content.size(), MADV_WILLNEED), 0);
   EXPECT_EQ(std::memcmp(view, content.data(), content.size()), 0);

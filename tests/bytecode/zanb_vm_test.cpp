@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "tests/bytecode/zanb_harness.h"
+#include "tests/test_tmp.h"
 
 namespace {
 using namespace zanbtest;
@@ -288,7 +289,12 @@ TEST(ZanbVm, TraceRing) {
   p.fn(1, {konst(0, 5), call(0, 1, 0)});
   p.fn(16, {konst(10, 1), konst(11, 0x300), konst(13, 0x380), sys(100, 0, 10), sys(100, 0, 10)});
   using V = std::vector<uint32_t>;
-  EXPECT_EQ(tracedPcs(p, {{"ZAN_ZANB_RING", ""}}), (V{0, 1, 2, 3, 4, 5, 0, 1, 2, 3, 4, 5, 6}));
+#ifdef _WIN32
+  const char* anyValue = "x";  // the C runtime keeps no empty variables
+#else
+  const char* anyValue = "";
+#endif
+  EXPECT_EQ(tracedPcs(p, {{"ZAN_ZANB_RING", anyValue}}), (V{0, 1, 2, 3, 4, 5, 0, 1, 2, 3, 4, 5, 6}));
   EXPECT_EQ(tracedPcs(p, {{"ZAN_ZANB_RING", "0"}, {"ZAN_ZANB_RING_LO", "1"},
                           {"ZAN_ZANB_RING_HI", "5"}}),
             (V{1, 2, 3, 4, 5, 1, 2, 3, 4, 5}));

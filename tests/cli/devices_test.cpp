@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include "base/compat.h"
 #include "cli/devices.h"
 #include "tests/test_tmp.h"
 
@@ -27,7 +28,7 @@ fs::path freshRoot(const char* name) {
 }
 
 TEST(Devices, CpuInfo) {
-  const unsigned osCount = static_cast<unsigned>(sysconf(_SC_NPROCESSORS_ONLN));
+  const unsigned osCount = zanCompatCpuCount();
   const struct {
     const char* cpuinfo;  // null: no file
     const char* model;

@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
 """Runs the CLI cases of one or more .case files against a built zan.
 
-    run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR] [-k TEXT] FILE.case...
+    run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR] [-k TEXT]
+                 [--platform linux|windows] [--wrapper PROGRAM] FILE.case...
+
+--platform windows checks a Windows build (zan.exe and .dll plugins), run
+through --wrapper (wine) when given.
 
 Each case runs zan once, in a fresh temporary directory holding the case's
 fixture files, and compares stdout, stderr and the exit code exactly.
@@ -20,7 +24,11 @@ A case opens with header lines (blank lines and "#" comments allowed):
                                    shell would (quotes, backslashes); no
                                    args line runs `zan` alone
     env: NAME=VALUE                 one variable; repeat the line for more
+    env windows: NAME=VALUE         a variable for a Windows build instead
+                                    of the env line of that name
     exit: N                         the expected exit code (required)
+    exit windows: N                 the exit code a Windows build gives, where
+                                    it differs
     pending: REASON                 the case is expected to fail until REASON
                                     is done; it fails if it passes
 
@@ -30,6 +38,9 @@ followed by blocks. A block runs from its "--- " line to the next "--- " or
     --- stdout [text=NAME] [noeol] [hex]  expected standard output; with
                                     hex, bytes written as in a hex block
     --- stderr [text=NAME] [noeol] [hex]  expected standard error
+    --- stdout windows [...]        the expected output of a Windows build,
+    --- stderr windows [...]        where its text really differs (system
+                                    error texts, "\\" in paths); same options
     --- stdin [noeol]               standard input (default: empty)
     --- file NAME [size=N] [noeol] [text=T] [exec]   a text fixture file;
                                     exec makes it executable
@@ -60,9 +71,10 @@ or pads it with zero bytes to N.
 
 Fixture names may hold "/": the directories are made. Cases run a copy of zan placed in a directory of its own, with no plugins
 beside it. In args, env values,
-stdin, text fixtures, link and copy bodies and expected output, @TMP@ stands
+stdin, fixture names, text fixtures, link and copy bodies and expected output, @TMP@ stands
 for the case's directory, @ZAN@ for the path of zan and @PLUGINS@ for the
-directory of the built test plugins. Cases run with the
+directory of the built test plugins, and @SO@ for the platform's plugin suffix
+(".so", or ".dll" on Windows). Cases run with the
 case's directory as working directory and HOME, and an environment holding
 only PATH, HOME and the case's env lines.
 """
@@ -102,11 +114,15 @@ class Case:
         self.where = f"{path}:{lineno}"
         self.args = []
         self.env = {}
+        self.envWindows = {}
         self.exit = None
+        self.exitWindows = None
         self.pending = None
         self.stdin = b""
         self.stdout = b""
         self.stderr = b""
+        self.stdoutWindows = None  # None: the same as stdout
+        self.stderrWindows = None
         self.fixtures = []  # (kind, name, bytes, size)
 
 
@@ -249,15 +265,15 @@ def parse_file(path):
                     case.args = shlex.split(value)
                 except ValueError as e:
                     raise CaseFileError(f"{where}: {e}")
-            elif key == "env":
+            elif key in ("env", "env windows"):
                 name, eq, val = value.partition("=")
                 if not eq or not name:
-                    raise CaseFileError(f"{where}: env needs NAME=VALUE")
-                case.env[name] = val
-            elif key == "exit":
+                    raise CaseFileError(f"{where}: {key} needs NAME=VALUE")
+                (case.env if key == "env" else case.envWindows)[name] = val
+            elif key in ("exit", "exit windows"):
                 if not re.fullmatch(r"\d+", value):
-                    raise CaseFileError(f"{where}: exit needs a number")
-                case.exit = int(value)
+                    raise CaseFileError(f"{where}: {key} needs a number")
+                setattr(case, "exit" if key == "exit" else "exitWindows", int(value))
             elif key == "pending":
                 if not value:
                     raise CaseFileError(f"{where}: pending needs a reason")
@@ -271,10 +287,12 @@ def parse_file(path):
         for b in s["blocks"]:
             where = f"{path}:{b.lineno}"
             if b.kind in ("stdout", "stderr", "stdin"):
-                parse_options(b, {"text", "noeol", "hex"} if b.kind != "stdin" else {"noeol"}, where)
-                if b.kind in seen:
-                    raise CaseFileError(f"{where}: second {b.kind} block")
-                seen.add(b.kind)
+                parse_options(b, {"text", "noeol", "hex", "windows"} if b.kind != "stdin" else {"noeol"}, where)
+                field = b.kind + ("Windows" if b.options.pop("windows", False) else "")
+                if field in seen:
+                    raise CaseFileError(f"{where}: second {b.kind} block" +
+                                        (" for windows" if field != b.kind else ""))
+                seen.add(field)
                 if "text" in b.options:
                     if any(l.strip() for l in b.lines):
                         raise CaseFileError(f"{where}: a block with text= has no body")
@@ -284,11 +302,11 @@ def parse_file(path):
                     if "noeol" in b.options and text.endswith("\n"):
                         text = text[:-1]
                 elif "hex" in b.options:
-                    setattr(case, b.kind, hex_bytes(b.lines, where))
+                    setattr(case, field, hex_bytes(b.lines, where))
                     continue
                 else:
                     text = body_text(b.lines, "noeol" in b.options)
-                setattr(case, b.kind, text.encode("utf-8"))
+                setattr(case, field, text.encode("utf-8"))
             elif b.kind in ("file", "zana", "hex", "link", "copy"):
                 if not b.words or "=" in b.words[0]:
                     raise CaseFileError(f"{where}: '--- {b.kind}' needs a file name")
@@ -325,11 +343,13 @@ def parse_file(path):
 
 
 PLUGINS = ""  # --plugins
+WINDOWS = False  # --platform windows
+WRAPPER = []  # --wrapper: the program that runs a Windows build here
 
 
 def subst(data, tmp, zan):
     return data.replace(b"@TMP@", tmp.encode()).replace(b"@ZAN@", zan.encode()).replace(
-        b"@PLUGINS@", PLUGINS.encode())
+        b"@PLUGINS@", PLUGINS.encode()).replace(b"@SO@", b".dll" if WINDOWS else b".so")
 
 
 def subst_text(text, tmp, zan):
@@ -338,7 +358,7 @@ def subst_text(text, tmp, zan):
 
 def make_fixtures(case, tmp, zan, zana2zanb, scratch):
     for kind, name, content, size in case.fixtures:
-        target = os.path.join(tmp, name)
+        target = os.path.join(tmp, subst_text(name, tmp, zan))
         os.makedirs(os.path.dirname(target), exist_ok=True)
         if kind == "link":
             os.symlink(subst(content, tmp, zan).decode("utf-8"), target)
@@ -351,7 +371,7 @@ def make_fixtures(case, tmp, zan, zana2zanb, scratch):
             with open(src, "wb") as f:
                 f.write(content)
             try:
-                r = subprocess.run([zana2zanb, src, target], capture_output=True,
+                r = subprocess.run(WRAPPER + [zana2zanb, src, target], capture_output=True,
                                    timeout=TIMEOUT_SECONDS)
             except (OSError, subprocess.TimeoutExpired) as e:
                 return f"fixture {name}: cannot run zana2zanb: {e}"
@@ -397,9 +417,19 @@ def run_case(case, zan, zana2zanb):
         if err:
             return [err]
         env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": tmp}
-        for k, v in case.env.items():
+        if WINDOWS:
+            # What wine itself needs: its prefix, its switches, the display.
+            env.update({k: v for k, v in os.environ.items() if k.startswith("WINE") or k == "DISPLAY"})
+            env["LANG"] = "C.UTF-8"  # the encoding wine reads this environment in
+        for k, v in (case.env | case.envWindows if WINDOWS else case.env).items():
             env[k] = subst_text(v, tmp, zan)
-        argv = [zan] + [subst_text(a, tmp, zan) for a in case.args]
+        if WINDOWS and WRAPPER:
+            # wine keeps HOME, TEMP and TMP of the host to itself and hands
+            # the program the WINE-prefixed ones under the plain names.
+            for k in ("HOME", "TEMP", "TMP"):
+                if k in env:
+                    env["WINE" + k] = env[k]
+        argv = WRAPPER + [zan] + [subst_text(a, tmp, zan) for a in case.args]
         try:
             r = subprocess.run(argv, cwd=tmp, env=env, input=subst(case.stdin, tmp, zan),
                                capture_output=True, timeout=TIMEOUT_SECONDS)
@@ -408,12 +438,17 @@ def run_case(case, zan, zana2zanb):
         except OSError as e:
             return [f"cannot run zan: {e}"]
         problems = []
+        want_exit, want_out, want_err = case.exit, case.stdout, case.stderr
+        if WINDOWS:
+            want_exit = case.exit if case.exitWindows is None else case.exitWindows
+            want_out = case.stdout if case.stdoutWindows is None else case.stdoutWindows
+            want_err = case.stderr if case.stderrWindows is None else case.stderrWindows
         if r.returncode < 0:
             problems.append(f"killed by signal {-r.returncode}")
-        elif r.returncode != case.exit:
-            problems.append(f"exit code {r.returncode}, expected {case.exit}")
-        for label, expected, actual in (("stdout", case.stdout, r.stdout),
-                                        ("stderr", case.stderr, r.stderr)):
+        elif r.returncode != want_exit:
+            problems.append(f"exit code {r.returncode}, expected {want_exit}")
+        for label, expected, actual in (("stdout", want_out, r.stdout),
+                                        ("stderr", want_err, r.stderr)):
             expected = subst(expected, tmp, zan)
             if expected != actual:
                 problems.append(diff(label, expected, actual))
@@ -426,14 +461,20 @@ def main():
     ap.add_argument("--zana2zanb", required=True, help="path of the ZANA assembler tool")
     ap.add_argument("--plugins", default="", help="directory of the built test plugins")
     ap.add_argument("-k", dest="filter", help="run only cases whose title contains this text")
+    ap.add_argument("--platform", choices=("linux", "windows"), default="linux",
+                    help="the platform zan was built for")
+    ap.add_argument("--wrapper", default="", help="program that runs zan (wine for a Windows build)")
     ap.add_argument("files", nargs="+")
     opts = ap.parse_args()
     # Cases run a copy of zan in a directory of its own, so that the plugins
     # built beside the real one (found through the executable's directory)
     # don't join every case; cases choose their plugins with ZAN_PLUGIN_PATH,
     # ./plugins or HOME.
+    global WINDOWS, WRAPPER
+    WINDOWS = opts.platform == "windows"
+    WRAPPER = [opts.wrapper] if opts.wrapper else []
     bindir = tempfile.mkdtemp(prefix="zan-cli-bin-")
-    zan = os.path.join(bindir, "zan")
+    zan = os.path.join(bindir, "zan.exe" if WINDOWS else "zan")
     shutil.copy2(os.path.realpath(opts.zan), zan)
     try:
         return run_files(opts, zan)

@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
 """The plugins we ship, found beside the built zan with no setting at all.
 
-    shipped.py --zan PATH --gguf-gen PATH --work DIR
+    shipped.py --zan PATH --gguf-gen PATH --work DIR [--wrapper PROGRAM]
+
+--wrapper runs a Windows build (zan.exe, gguf_gen.exe, the plugin DLLs)
+through wine.
 
 Runs the real zan (its directory holds plugins/) on GGUF files written by
 gguf_gen: importer list and probe, convert, info and type, and then reads
@@ -30,7 +33,10 @@ def check(cond, what):
 
 def zan(opts, *args):
     env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
-    r = subprocess.run([opts.zan] + list(args), capture_output=True, text=True, env=env, cwd=opts.work)
+    if opts.wrapper:
+        env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
+    r = subprocess.run(opts.wrapper + [opts.zan] + list(args), capture_output=True, text=True, env=env,
+                       cwd=opts.work)
     return r.returncode, r.stdout, r.stderr
 
 
@@ -103,7 +109,9 @@ def main():
     ap.add_argument("--zan", required=True)
     ap.add_argument("--gguf-gen", required=True)
     ap.add_argument("--work", required=True)
+    ap.add_argument("--wrapper", default="")
     opts = ap.parse_args()
+    opts.wrapper = [opts.wrapper] if opts.wrapper else []
     opts.zan = os.path.realpath(opts.zan)
     os.makedirs(opts.work, exist_ok=True)
 
@@ -118,6 +126,10 @@ def main():
             break
     memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
     rc, out, err = zan(opts, "backend", "devices", "cpu")
+    if opts.wrapper:  # wine's memory total is its own reading of the machine's, within some pages
+        m = re.search(r"memory=(\d+) ", out)
+        if m and abs(int(m.group(1)) - memory) <= 1 << 20:
+            memory = int(m.group(1))
     check(out == f"0: id=cpu0 name={model} ({cores} logical cores) api=1.0 memory={memory} caps=0x1\n",
           f"backend devices cpu: {out}{err}")
 
@@ -126,7 +138,7 @@ def main():
                ("v2-f16-gpt2", ["--version", "2", "--type", "f16", "--tokenizer", "gpt2", "--seed", "9"])]
     for name, args in configs:
         gguf, dst, exp = (os.path.join(opts.work, name + s) for s in (".gguf", ".zan", ".json"))
-        subprocess.run([opts.gguf_gen, "--out", gguf, "--expect", exp] + args, check=True)
+        subprocess.run(opts.wrapper + [opts.gguf_gen, "--out", gguf, "--expect", exp] + args, check=True)
         e = json.load(open(exp))
         kv = {m["key"]: m for m in e["metadata"]}
         arch = kv["general.architecture"]["value"]
@@ -170,9 +182,14 @@ def main():
         check(rc == 0 and f"  hidden {kv['llama.embedding_length']['value']} | layers {kv['llama.block_count']['value']}"
               f" | vocab {kv['llama.vocab_size']['value']}\n" in out, f"{name}: type: {out}{err}")
 
+    # Converting again replaces the output (the importer renames over it).
+    again = os.path.join(opts.work, "v3-q8_0.zan")
+    rc, out, err = zan(opts, "convert", os.path.join(opts.work, "v3-q8_0.gguf"), again)
+    check(rc == 0 and os.path.getsize(again) > 0, f"convert over an existing output: {out}{err}")
+
     # Refusals leave nothing at the destination.
     bad = os.path.join(opts.work, "bad.gguf")
-    subprocess.run([opts.gguf_gen, "--out", bad, "--bad-type"], check=True)
+    subprocess.run(opts.wrapper + [opts.gguf_gen, "--out", bad, "--bad-type"], check=True)
     cut = os.path.join(opts.work, "cut.gguf")
     with open(cut, "wb") as f:
         f.write(open(os.path.join(opts.work, "v3-q8_0.gguf"), "rb").read()[:-1000])

@@ -4,7 +4,9 @@ models (their text is noise, so the checks are about behaviour: the same
 seed gives the same text, output is valid UTF-8, limits hold, failures are
 reported).
 
-    runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR
+    runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR [--wrapper PROGRAM]
+
+--wrapper runs a Windows build through wine.
 """
 import argparse
 import os
@@ -25,19 +27,23 @@ def main():
     ap.add_argument("--zan", required=True)
     ap.add_argument("--gguf-gen", required=True)
     ap.add_argument("--work", required=True)
+    ap.add_argument("--wrapper", default="")
     opts = ap.parse_args()
     os.makedirs(opts.work, exist_ok=True)
     env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
+    wrapper = [opts.wrapper] if opts.wrapper else []
+    if wrapper:
+        env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
 
     def zan(*args, stdin=""):
-        r = subprocess.run([os.path.realpath(opts.zan)] + list(args), input=stdin.encode(), capture_output=True,
+        r = subprocess.run(wrapper + [os.path.realpath(opts.zan)] + list(args), input=stdin.encode(), capture_output=True,
                            env=env, cwd=opts.work, timeout=120)
         return r.returncode, r.stdout, r.stderr.decode("utf-8", "replace")
 
     for tokenizer in ("llama", "gpt2"):
         gguf = os.path.join(opts.work, f"{tokenizer}.gguf")
         model = os.path.join(opts.work, f"{tokenizer}.zan")
-        subprocess.run([opts.gguf_gen, "--out", gguf, "--type", "q8_0", "--tokenizer", tokenizer, "--vocab", "400",
+        subprocess.run(wrapper + [opts.gguf_gen, "--out", gguf, "--type", "q8_0", "--tokenizer", tokenizer, "--vocab", "400",
                         "--seed", "11"], check=True)
         rc, _, err = zan("convert", gguf, model)
         check(rc == 0, f"{tokenizer}: convert: {err}")

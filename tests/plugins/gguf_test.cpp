@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
+#include "base/compat.h"
 
 #include "container/zan2_reader.h"
 #include "plugin/zan_plugin.h"
@@ -130,7 +130,7 @@ TEST(Gguf, RefusesHostileFiles) {
 
 // The shipped plugin, loaded as the host would.
 struct Importer {
-  void* lib = dlopen(ZAN_SHIPPED_PLUGIN_DIR "/zan_gguf.so", RTLD_NOW | RTLD_LOCAL);
+  void* lib = dlopen(ZAN_SHIPPED_PLUGIN_DIR "/zan_gguf" ZAN_PLUGIN_SUFFIX, RTLD_NOW | RTLD_LOCAL);
   const ZANImporterDesc* desc = nullptr;
   Importer() {
     if (!lib) return;
@@ -173,7 +173,7 @@ TEST(Gguf, ImporterConvertsAndRefusesCleanly) {
   ASSERT_EQ(convert(file(kMeta, kTensors, kData), err, tensors), 0) << err;
   EXPECT_EQ(tensors, 2u);
   tov::ZAN2Reader r;
-  ASSERT_TRUE(r.open((dir / "out.zan").c_str()).ok());
+  ASSERT_TRUE(r.open((dir / "out.zan").string().c_str()).ok());
   uint32_t v = 0;
   EXPECT_TRUE(r.getMetaU32("model.embedding_length", v));
   EXPECT_EQ(v, 32u);
