@@ -56,6 +56,13 @@ inline uint32_t lo(Value v) { return uint32_t(v); }
 
 }  // namespace
 
+uint64_t Vm::Impl::textLength(uint64_t addr) {
+  // Scanned without memPtr: reaching the end of memory is no fault.
+  if (addr >= memory.size()) return 0;
+  const char* s = reinterpret_cast<const char*>(memory.data() + addr);
+  return strnlen(s, std::min<uint64_t>(4096, memory.size() - addr));
+}
+
 void Vm::Impl::writeOut(int fd, const uint8_t* p, uint64_t n) {
   const auto& cb = fd == 2 ? config.onStderr : config.onStdout;
   if (cb) {
@@ -193,11 +200,7 @@ Value Vm::Impl::syscall(uint32_t number, Value* args, bool& ok) {
 
     case 1: {
       uint64_t fd = lo(A(0)), addr = lo(A(1)), len = lo(A(2));
-      if (len == 0 && addr != 0 && addr < memory.size()) {
-        // Scanned without memPtr: reaching the end of memory is no fault.
-        const char* s = reinterpret_cast<const char*>(memory.data() + addr);
-        len = strnlen(s, std::min<uint64_t>(4096, memory.size() - addr));
-      }
+      if (len == 0 && addr != 0) len = textLength(addr);
       // A bad range is no failure of the call; the fault waits for the next load.
       if (const uint8_t* p = memPtr(addr, len)) writeOut(fd == 2 ? 2 : 1, p, len);
       return len;
@@ -331,19 +334,137 @@ Value Vm::Impl::syscall(uint32_t number, Value* args, bool& ok) {
       break;
   }
 
-  if (number >= 10 && number <= 55) {
-    // Host calls. Until a host object is attached every call answers its
-    // default: 0, except fetchState (4), storeState (2) and imageState (2).
-    switch (number) {
-      case 31: return 4;
-      case 36: return 2;
-      case 53: return 2;
-      default: return 0;
-    }
-  }
+  if (number >= 10 && number <= 55) return hostCall(number, args);
 
   fault = "unknown syscall " + std::to_string(number);
   return fail();
+}
+
+// ---- host calls 10 to 55 ---------------------------------------------------
+
+namespace {
+
+// What a host gave back, as the slot receives it.
+inline Value asU32(uint32_t v) { return v; }
+inline Value asSigned(int v) { return Value(int64_t(v)); }
+
+// The default of a host call when there is no host.
+Value hostDefault(uint32_t number) {
+  switch (number) {
+    case 31: return 4;
+    case 36: return 2;
+    case 53: return 2;
+    default: return 0;
+  }
+}
+
+}  // namespace
+
+Value Vm::Impl::hostCall(uint32_t number, Value* args) {
+  UiHost* h = config.host;
+  if (!h) return hostDefault(number);
+  auto A = [&](uint32_t k) -> uint32_t { return k < argsAvail ? uint32_t(args[k]) : 0; };
+  auto I = [&](uint32_t k) -> int { return int32_t(A(k)); };
+  Guest g{*this};
+  // A string by address and length; out of bounds gives "" and leaves the fault set.
+  auto ranged = [&](uint64_t addr, uint64_t len) -> std::string {
+    const uint8_t* p = memPtr(addr, len);
+    return p ? std::string(reinterpret_cast<const char*>(p), len) : std::string();
+  };
+  auto S = [&](uint32_t k) { return g.str(A(k)); };
+  // 38, 42, 51: the text the host gives, cut to fit, with its terminator.
+  auto textOut = [&](uint32_t dstArg, auto&& get) -> Value {
+    uint64_t dst = A(dstArg), cap = A(dstArg + 1);
+    if (!g.roomFor(dst, cap)) return 0;
+    return g.putText(dst, cap, get());
+  };
+  // 46, 47: the whole text and its terminator, or nothing.
+  auto wholeOut = [&](uint32_t dstArg, bool emptyWrites, auto&& get) -> Value {
+    uint64_t dst = A(dstArg), cap = A(dstArg + 1);
+    if (!g.roomFor(dst, cap)) return 0;
+    std::string s = get();
+    if ((s.empty() && !emptyWrites) || s.size() + 1 > cap) return 0;
+    g.putText(dst, cap, s);
+    return 1;
+  };
+  GuestMem mem{memory.data(), memory.size()};
+
+  switch (number) {
+    case 10:
+      return h->winOpen(ranged(A(0), A(1)), I(2), I(3), I(4));
+    case 11: return h->winPump();
+    case 12: h->present(); return 0;
+    case 13: h->clear(A(0)); return 0;
+    case 14: h->fillRect(I(0), I(1), I(2), I(3), A(4)); return 0;
+    case 15: h->line(I(0), I(1), I(2), I(3), A(4), I(5)); return 0;
+    case 16: h->circle(I(0), I(1), I(2), A(3)); return 0;
+    case 17: {
+      uint64_t addr = A(2), len = A(3);
+      if (len == 0 && addr != 0) len = textLength(addr);
+      h->text(I(0), I(1), ranged(addr, len), A(4), I(5));
+      return 0;
+    }
+    case 18: {
+      int x = 0, y = 0;
+      return asSigned(h->pollEvent(x, y));
+    }
+    case 19: h->sleepMs(I(0)); return 0;
+    case 20: return asSigned(h->eventX());
+    case 21: return asSigned(h->eventY());
+    case 22: h->uiOpen(S(0), I(1), I(2)); return 0;
+    case 23: h->uiCmd(A(0), A(1), A(2), A(3), A(4), mem, I(5)); return 0;
+    case 24: {
+      // 30 words exchanged through a block 256 bytes below the top of memory.
+      uint64_t size = memory.size(), a0 = A(0);
+      if (size < 256) return 0;
+      uint64_t block = size - 256;
+      if (size < a0 + 30 || block < a0 + 30) return 0;
+      for (uint32_t k = 0; k < 30; ++k) g.put32(block + 4 * k, A(k));
+      h->uiPresent(mem, uint32_t(block));
+      for (uint32_t k = 0; k < 30 && k < argsAvail; ++k) args[k] = g.peek32(block + 4 * k);
+      return A(0);
+    }
+    case 25: return asU32(h->uiResultWord(A(0)));
+    case 27: h->uiTheme(A(0)); return 0;
+    case 28: return asU32(h->uiToken(A(0)));
+    case 30: return asU32(h->fetchStart(S(0), S(1)));
+    case 31: {
+      int r = h->fetchState(I(0));
+      if (std::getenv("ZAN_VM_DEBUG")) {
+        static uint64_t calls = 0;
+        if (calls++ % 40 == 0) std::fprintf(stderr, "[vm] fetchstate(%u) = %d\n", A(0), r);
+      }
+      return asU32(r);
+    }
+    case 32: return asU32(h->fetchGot(I(0)));
+    case 33: return asU32(h->fetchTotal(I(0)));
+    case 34: return h->fetchCancel(I(0));
+    case 35: return asU32(h->storeLoad(S(0)));
+    case 36: return asU32(h->storeState(I(0)));
+    case 37: return asU32(h->storeCount(I(0)));
+    case 38: return textOut(3, [&] { return h->storeText(I(0), I(1), A(2)); });
+    case 39: return asU32(h->storeNum(I(0), I(1), A(2)));
+    case 41: return asU32(h->installStart(S(0)));
+    case 42: return textOut(1, [&] { return h->installOutput(I(0)); });
+    case 43: return h->appInstall(S(0));
+    case 44: return h->appOpen(S(0));
+    case 45: return h->appInstalled(S(0));
+    case 46: return wholeOut(1, false, [&] { return h->fetchFile(I(0)); });
+    case 47: return wholeOut(1, true, [&] { return h->storeReport(I(0)); });
+    case 48: return asU32(h->fetchThreads(I(0)));
+    case 49: return asU32(h->textWidth(S(0), A(1)));
+    case 50: return h->dataWrite(S(0), S(1));
+    case 51: return textOut(1, [&] {
+      std::string v;
+      h->dataRead(S(0), &v);
+      return v;
+    });
+    case 52: return asU32(h->imageLoad(S(0)));
+    case 53: return asU32(h->imageState(I(0)));
+    case 54: return asU32(h->imageId(I(0), A(1) != 0));
+    case 55: return asU32(h->scrollOffset(I(0)));
+    default: return 0;  // 26, 29 and 40 never reach here
+  }
 }
 
 }  // namespace tov::zanb

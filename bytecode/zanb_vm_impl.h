@@ -91,6 +91,11 @@ struct Vm::Impl {
   // `fault` set.
   uint8_t* memPtr(uint64_t addr, uint64_t len);
   Value syscall(uint32_t number, Value* args, bool& ok);
+  // Calls 10 to 55, through `config.host` or to their defaults.
+  Value hostCall(uint32_t number, Value* args);
+  // Length of the zero-terminated text at `addr`: at most 4096, cut at the
+  // end of memory, 0 outside it; sets no fault.
+  uint64_t textLength(uint64_t addr);
   void writeOut(int fd, const uint8_t* p, uint64_t n);
   void printRing();
 

@@ -11,6 +11,7 @@
 #include "bytecode/zanb_vm.h"
 #include "cli/commands.h"
 #include "container/zan2.h"
+#include "ui/zan_ui_runtime.h"
 
 namespace {
 
@@ -35,7 +36,9 @@ bool isAppContainer(const char* path) {
 
 int runZanbBlob(const uint8_t* bytes, uint64_t size, const std::vector<std::string>& args,
                 const char* path) {
+  tov::zanui::RuntimeHost host;  // outlives the machine that borrows it
   tov::zanb::VmConfig cfg;
+  cfg.host = &host;
   cfg.args = args;
   cfg.onStdout = [](const uint8_t* p, uint64_t n) {
     std::fwrite(p, 1, n, stdout);
