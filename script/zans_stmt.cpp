@@ -196,8 +196,10 @@ bool Compiler::emitStmt(size_t& li, int32_t indent, std::string& error) {
     }
   }
   const std::string w = t[0].kind == kIdent ? t[0].text : std::string();
+  // `text = 1` and `line[0] = 2` are assignments, whatever the word.
+  const bool assigns = t.size() > 1 && (isOp(line, 1, "=") || isOp(line, 1, "["));
   for (const DrawRow& r : kDraw)
-    if (w == r.word) {
+    if (w == r.word && !assigns) {
       ++li;
       return drawStmt(line, error) && checkData(line, error);
     }
@@ -511,7 +513,15 @@ bool Compiler::compileAll(std::string& error) {
     size_t li = f.bodyLine;
     while (li < lines.size() && lines[li].blank) ++li;
     const int32_t funcIndent = lines[f.funcLine].indent;
-    if (li < lines.size() && lines[li].indent > funcIndent && !emitBlock(li, lines[li].indent, error)) return false;
+    if (li < lines.size() && lines[li].indent > funcIndent) {
+      if (!emitBlock(li, lines[li].indent, error)) return false;
+      while (li < lines.size() && lines[li].blank) ++li;
+      // Back to an indentation that no block of this function opened.
+      if (li < lines.size() && lines[li].indent > funcIndent) {
+        error = at(lines[li]) + "unexpected indentation";
+        return false;
+      }
+    }
     emit(op(Op_ret), kNoValue);
     meta.params = uint32_t(f.params.size());
     meta.rets = 1;
