@@ -20,7 +20,7 @@ deps:
 
 demo: deps
 	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF -DZAN_BENCH=ON $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama gguf_gen
+	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama zan_build gguf_gen
 	@scripts/demo $(RELEASE)
 
 test: all
@@ -41,7 +41,7 @@ test-asan: deps
 # the installed zan finds them beside itself.
 install: deps
 	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama
+	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama zan_build
 	cmake --install $(RELEASE) --prefix $(PREFIX)
 
 # libFuzzer runs of the JSON, ZAN2, GGUF and app container readers,
