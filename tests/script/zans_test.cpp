@@ -107,53 +107,80 @@ class Recorder : public tov::zanb::UiHost {
   }
 };
 
+// A case: "=== title", an optional "exit: N" line, the source, then blocks
+// ("--- stdout", "--- host", "--- listing", "--- events") to compare.
 struct Case {
-  std::string file, title, source, stdoutText, host, listing, error;
+  std::string file, title, source, stdoutText, host, listing;
   std::vector<std::array<int, 3>> events;
   int exit = 0;
-  bool hasHost = false, hasListing = false, hasError = false;
+  bool hasHost = false, hasListing = false;
 };
 
 std::vector<Case> readCases(const std::filesystem::path& path) {
   std::ifstream in(path);
   std::vector<Case> cases;
   std::string lineText, block;
-  auto trim = [](std::string& s) {
-    while (s.size() >= 2 && s.compare(s.size() - 2, 2, "\n\n") == 0) s.pop_back();
-  };
   while (std::getline(in, lineText)) {
     if (lineText.rfind("=== ", 0) == 0) {
-      cases.push_back(Case{});
+      cases.emplace_back();
       cases.back().file = path.filename().string();
       cases.back().title = lineText.substr(4);
-      block.clear();
+      block = "source";
       continue;
     }
     if (cases.empty()) continue;
     Case& c = cases.back();
     if (lineText.rfind("--- ", 0) == 0) {
       block = lineText.substr(4);
-      if (block == "host") c.hasHost = true;
-      if (block == "listing") c.hasListing = true;
-      continue;
-    }
-    if (block.empty()) {
-      if (lineText.rfind("exit: ", 0) == 0) c.exit = std::stoi(lineText.substr(6));
-      if (lineText.rfind("error: ", 0) == 0) c.error = lineText.substr(7), c.hasError = true;
-      continue;
-    }
-    std::string* target = block == "source" ? &c.source : block == "stdout" ? &c.stdoutText
-                        : block == "host"   ? &c.host   : block == "listing" ? &c.listing : nullptr;
-    if (block == "events") {
+      c.hasHost |= block == "host";
+      c.hasListing |= block == "listing";
+    } else if (block == "source" && c.source.empty() && lineText.rfind("exit: ", 0) == 0) {
+      c.exit = std::stoi(lineText.substr(6));
+    } else if (block == "events") {
       std::istringstream ev(lineText);
       std::array<int, 3> e{};
       if (ev >> e[0] >> e[1] >> e[2]) c.events.push_back(e);
-    } else if (target) {
-      *target += lineText + "\n";
+    } else {
+      std::string& target = block == "source" ? c.source : block == "stdout" ? c.stdoutText
+                          : block == "host"   ? c.host   : c.listing;
+      target += lineText + "\n";
     }
   }
-  for (Case& c : cases) trim(c.stdoutText), trim(c.host), trim(c.listing), trim(c.source);
+  for (Case& c : cases)
+    for (std::string* s : {&c.source, &c.stdoutText, &c.host, &c.listing})
+      while (s->size() >= 2 && s->compare(s->size() - 2, 2, "\n\n") == 0) s->pop_back();
   return cases;
+}
+
+std::string unescape(const std::string& s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] != '\\' || i + 1 == s.size()) {
+      out += s[i];
+      continue;
+    }
+    const char e = s[++i];
+    out += e == 'n' ? '\n' : e == 't' ? '\t' : e;
+  }
+  return out;
+}
+
+// errors.tbl: one case a line, "SOURCE => MESSAGE".
+TEST(Zans, Errors) {
+  std::ifstream in(std::string(ZAN_SCRIPT_CASES) + "/errors.tbl");
+  std::string lineText;
+  size_t total = 0;
+  while (std::getline(in, lineText)) {
+    const size_t arrow = lineText.find(" => ");
+    if (lineText.empty() || lineText[0] == '#' || arrow == std::string::npos) continue;
+    ++total;
+    SCOPED_TRACE(lineText);
+    tov::zanb::Module m;
+    std::string err;
+    EXPECT_FALSE(tov::zans::compile(unescape(lineText.substr(0, arrow)), m, err));
+    EXPECT_EQ(err, lineText.substr(arrow + 4));
+  }
+  EXPECT_GT(total, 40u);
 }
 
 TEST(Zans, Cases) {
@@ -169,13 +196,7 @@ TEST(Zans, Cases) {
       SCOPED_TRACE(c.file + ": " + c.title);
       tov::zanb::Module m;
       std::string err;
-      const bool ok = tov::zans::compile(c.source, m, err);
-      if (c.hasError) {
-        EXPECT_FALSE(ok);
-        EXPECT_EQ(err, c.error);
-        continue;
-      }
-      ASSERT_TRUE(ok) << err;
+      ASSERT_TRUE(tov::zans::compile(c.source, m, err)) << err;
       if (c.hasListing) {
         EXPECT_EQ(tov::zanb::disassemble(m), c.listing);
       }
