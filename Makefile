@@ -4,12 +4,13 @@ BUILD       ?= build
 RELEASE     ?= build-release
 ASAN        ?= build-asan
 FUZZ        ?= build-fuzz
+WINDOWS     ?= build-windows
 FUZZ_TIME   ?= 60
 PREFIX      ?= /usr/local
 JOBS        ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps demo test bench test-asan fuzz install clean
+.PHONY: all deps demo test bench test-asan fuzz install windows clean
 
 all: deps
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
@@ -54,5 +55,13 @@ fuzz: deps
 	cmake --build $(FUZZ) -j $(JOBS) --target json_fuzz zan2_fuzz gguf_fuzz app_fuzz zans_fuzz zan2_seeds gguf_gen
 	@scripts/fuzz $(FUZZ) $(FUZZ_TIME)
 
+# A cross-build for 64-bit Windows with MinGW-w64: the window and drawing
+# host (ui/, with its Win32 layer) for now.
+windows: deps
+	@scripts/install-deps g++-mingw-w64-x86-64-posix
+	cmake -S . -B $(WINDOWS) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DZAN_TESTS=OFF -DZAN_BENCH=OFF \
+	  $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(WINDOWS) -j $(JOBS) --target zanui
+
 clean:
-	rm -rf $(BUILD) $(RELEASE) $(ASAN) $(FUZZ)
+	rm -rf $(BUILD) $(RELEASE) $(ASAN) $(FUZZ) $(WINDOWS)

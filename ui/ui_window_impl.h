@@ -27,6 +27,7 @@ struct Window::Impl {
   HBITMAP dib = nullptr;
   HBITMAP oldBitmap = nullptr;
   void* dibBits = nullptr;
+  int32_t dibWidth = 0, dibHeight = 0;  // the bitmap's own size, for present's copy
 #else
   X11Window* x11 = nullptr;
 #endif

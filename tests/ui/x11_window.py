@@ -1,0 +1,187 @@
+#!/usr/bin/env python3
+"""The X11 window for real: a program run by `zan run` on a private Xvfb
+draws and presents; the window's pixels, read back with xwd, must be the
+canvas worked out here; clicks, wheel steps and keys sent with xdotool must
+come back to the program as the events it prints; closing the window ends
+its loop.
+
+    x11_window.py --zan PATH --work DIR
+
+Skipped, with a line saying so, only when Xvfb, xdotool or xwd is missing.
+"""
+
+import argparse
+import gzip
+import os
+import shutil
+import struct
+import subprocess
+import sys
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from run_window import Canvas, font_bytes  # noqa: E402
+import run_window  # noqa: E402
+from zana import Prog  # noqa: E402
+
+TITLE = "zan-x11-test"
+TIMEOUT = 30  # for the tools; a safety net against hangs, never a synchronisation
+READY = 7777
+
+
+def program():
+    """Draws one frame, prints READY, then prints "kind x y" for every event
+    until winPump says stop, then the kind of one more poll, and -1."""
+    p = Prog()
+    p.string(100, TITLE)
+    p.string(120, "Ok")
+    p.call(10, 100, len(TITLE), run_window.W, run_window.H, 0)
+    p.call(13, 0xFF203040)
+    p.call(14, 1, 1, 4, 3, 0xFFFF0000)
+    p.call(14, 8, 3, 9, 9, 0x000000FF)
+    p.call(17, 2, 4, 120, 0, 0xFFFFFF00, 1)
+    p.call(12)
+    p.const(45, READY)
+    p.print_slot(45)
+    p.label("loop")
+    p.call(11)
+    p.jump("jz", "done", 40)
+    p.call(18, res=44)
+    p.jump("jz", "idle", 44)
+    p.print_slot(44)
+    p.call(20, res=43)
+    p.print_slot(43)
+    p.call(21, res=43)
+    p.print_slot(43)
+    p.jump("jmp", "loop")
+    p.label("idle")
+    p.call(19, 2)
+    p.jump("jmp", "loop")
+    p.label("done")
+    p.call(18, res=44)  # the close is queued behind everything else
+    p.print_slot(44)
+    p.const(45, -1)
+    p.print_slot(45)
+    return p
+
+
+def expected_canvas():
+    """As shown: alpha has no effect on the screen."""
+    c = Canvas(0xFF203040)
+    c.fill(1, 1, 4, 3, 0xFFFF0000)
+    c.fill(8, 3, 9, 9, 0xFF0000FF)
+    c.text(2, 4, "Ok", 0xFFFFFF00)
+    return c.px
+
+
+def xwd_pixels(data):
+    """Width, height and 0xFFRRGGBB words of a 32-bit ZPixmap XWD dump."""
+    f = struct.unpack(">25I", data[:100])
+    assert f[11] == 32, f"xwd: {f[11]} bits per pixel"
+    order, masks = "<>"[f[7]] + "I", f[14:17]
+    base, stride = f[0] + 12 * f[19], f[12]
+    out = []
+    for y in range(f[5]):
+        for x in range(f[4]):
+            (v,) = struct.unpack_from(order, data, base + y * stride + 4 * x)
+            r, g, b = (((v & m) >> ((m & -m).bit_length() - 1)) for m in masks)
+            out.append(0xFF000000 | r << 16 | g << 8 | b)
+    return f[4], f[5], out
+
+
+def events_until(values, last):
+    """(kind, x, y) triples the program printed, up to `last`."""
+    got = []
+    while not got or got[-1] != last:
+        got.append((next(values), next(values), next(values)))
+    return got
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--zan", required=True)
+    ap.add_argument("--work", required=True)
+    args = ap.parse_args()
+    missing = [t for t in ("Xvfb", "xdotool", "xwd") if not shutil.which(t)]
+    if missing:
+        print(f"SKIPPED: {' '.join(missing)} not installed (scripts/install-deps installs them)")
+        return 0
+    os.makedirs(args.work, exist_ok=True)
+    font = os.path.join(args.work, "font.psf.gz")
+    with gzip.open(font, "wb") as f:
+        f.write(font_bytes())
+    prog = os.path.join(args.work, "x11.zana")
+    with open(prog, "w") as f:
+        f.write(program().text())
+
+    # Xvfb picks a free display and writes its number once it accepts
+    # clients; the read waits for that (ctest's timeout guards every wait).
+    rfd, wfd = os.pipe()
+    xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(wfd), "-screen", "0", "320x240x24",
+                             "-nolisten", "tcp"], pass_fds=(wfd,), stderr=subprocess.DEVNULL)
+    os.close(wfd)
+    app = None
+    failures = []
+    try:
+        display = ":" + os.read(rfd, 64).decode().strip()
+        env = {k: v for k, v in os.environ.items() if not k.startswith("ZAN_")}
+        env.update(DISPLAY=display, ZAN_UI_FONT=font)
+        app = subprocess.Popen([args.zan, "run", prog], env=env, stdout=subprocess.PIPE)
+        out = (int(line) for line in app.stdout)
+        if next(out) != READY:
+            raise RuntimeError("program did not draw")
+
+        def xdo(*words):
+            return subprocess.run(["xdotool", *words], env=env, check=True, capture_output=True,
+                                  timeout=TIMEOUT).stdout.decode().split()
+
+        wid = xdo("search", "--sync", "--name", "^" + TITLE + "$")[0]
+        shot = subprocess.run(["xwd", "-silent", "-id", wid], env=env, check=True,
+                              capture_output=True, timeout=TIMEOUT).stdout
+        w, h, pixels = xwd_pixels(shot)
+        if (w, h) != (run_window.W, run_window.H):
+            failures.append(f"window is {w}x{h}")
+        elif pixels != expected_canvas():
+            bad = [i for i, (a, b) in enumerate(zip(pixels, expected_canvas())) if a != b]
+            failures.append(f"{len(bad)} pixels differ, first at {bad[0] % w},{bad[0] // w}")
+
+        # Input. Each batch ends with a click at a known place, so every
+        # event before it has been read when it arrives.
+        xdo("windowfocus", "--sync", wid)
+        xdo("mousemove", "--window", wid, "--sync", "3", "4")
+        events_until(out, (5, 3, 4))
+        xdo("click", "1", "click", "4", "click", "5")
+        got = events_until(out, (4, 1, 0))
+        want = [(1, 3, 4), (1, 3, 4), (5, 3, 4), (4, -1, 0), (5, 3, 4), (4, 1, 0)]
+        if got != want:
+            failures.append(f"clicks and wheel: {got} != {want}")
+        # A key event carries no position; a modifier alone and Ctrl+c give none.
+        xdo("key", "a", "shift+b", "BackSpace", "ctrl+c", "Shift_L", "Left", "click", "1")
+        got = events_until(out, (1, 3, 4))
+        want = [(2, 0, 0)] * 4 + [(1, 3, 4)]
+        if got != want:
+            failures.append(f"keys: {got} != {want}")
+        # Closing ends the loop (winPump false); the close event is the
+        # last one queued.
+        xdo("windowclose", wid)
+        tail = []
+        while not tail or tail[-1] != -1:
+            tail.append(next(out))
+        if tail[-2:] != [3, -1] or tail[:-2] not in ([], [1, 3, 4]):
+            failures.append(f"after the close: {tail}")
+        if app.wait(TIMEOUT) != 0:
+            failures.append(f"exit code {app.returncode}")
+    finally:
+        if app and app.poll() is None:
+            app.kill()
+            app.wait()
+        xvfb.terminate()
+        xvfb.wait()
+        os.close(rfd)
+    for f in failures:
+        print("FAIL", f)
+    print(f"{len(failures)} failures")
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
