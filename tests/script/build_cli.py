@@ -1,14 +1,18 @@
 #!/usr/bin/env python3
-"""`zan build`, through the real zan with the shipped plugins beside it.
+"""`zan build`, through the real zan with the shipped plugins beside it, and
+the counter example it compiles, run headless with scripted clicks.
 
-    build_cli.py --zan PATH --work DIR
+    build_cli.py --zan PATH --examples DIR --work DIR
 
 Each output form is checked by what reads it back: a .zanb runs, a .zana
 listing is the disassembler's text, a .zan app container runs and
 shows its entry in appinfo. A compile error names the file and the
-compiler's line message, exits 1 and leaves no file behind.
+compiler's line message, exits 1 and leaves no file behind. The counter's
+dumped frames show its colours where it draws them, and the label after "+"
+then "-" is again the one it started with.
 """
 import argparse
+import glob
 import os
 import shutil
 import subprocess
@@ -22,10 +26,11 @@ USAGE_HEAD = "usage: zan build"
 def check(cond, what):
     if not cond:
         failures.append(what)
+    return cond
 
 
-def zan(opts, *args):
-    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": opts.work}
+def zan(opts, *args, env=None):
+    env = dict(env or {}, PATH=os.environ.get("PATH", "/usr/bin:/bin"), HOME=opts.work)
     r = subprocess.run([opts.zan] + list(args), capture_output=True, env=env, cwd=opts.work, timeout=60)
     return r.returncode, r.stdout.decode("utf-8", "replace"), r.stderr.decode("utf-8", "replace")
 
@@ -37,9 +42,47 @@ def write(opts, name, text):
         f.write(text.encode() if isinstance(text, str) else text)
 
 
+def read_ppm(path):
+    parts = open(path, "rb").read().split(maxsplit=4)
+    w, h = int(parts[1]), int(parts[2])
+    return w, h, parts[4][: w * h * 3]
+
+
+def pixel(frame, x, y):
+    i = (y * frame[0] + x) * 3
+    return int.from_bytes(frame[2][i:i + 3], "big")
+
+
+def region(frame, x0, y0, x1, y1):
+    return [pixel(frame, x, y) for y in range(y0, y1) for x in range(x0, x1)]
+
+
+def counter_frames(opts):
+    rc, out, err = zan(opts, "build", os.path.join(opts.examples, "counter.zs"), "-o", "counter.zan")
+    check(rc == 0, f"build counter: {rc} {err!r}")
+    for f in glob.glob("/tmp/zan-ui-frame-*.ppm"):
+        os.remove(f)
+    rc, out, err = zan(opts, "run", "counter.zan", env={"ZAN_UI_DUMP": "1", "ZAN_UI_EXIT_AFTER": "6",
+                                                        "ZAN_UI_SCRIPT": "wait2;230,150;wait2;60,140"})
+    check(rc == 0, f"run counter: {rc} {err!r}")
+    frames = [read_ppm(p) for p in sorted(glob.glob("/tmp/zan-ui-frame-*.ppm"))]
+    if not check(len(frames) == 6, f"{len(frames)} frames, want 6"):
+        return
+    f0, f2, f4 = frames[0], frames[2], frames[4]
+    check(f0[:2] == (320, 200), f"size {f0[:2]}")
+    for what, x, y, want in [("background", 5, 5, 0x1E2430), ("minus", 35, 125, 0xC0504D),
+                             ("plus", 285, 170, 0x4F9D5D)]:
+        check(pixel(f4, x, y) == want, f"{what} at {x},{y}: {pixel(f4, x, y):06x}, want {want:06x}")
+    label = (200, 30, 320, 110)  # where the number is drawn
+    check(len(set(region(f0, *label))) > 1, "no number drawn")
+    check(region(f0, *label) == region(f4, *label), "the label after + and - differs from the first one")
+    check(region(f0, *label) != region(f2, *label), "the label did not change after the click on +")
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--zan", required=True)
+    ap.add_argument("--examples", required=True)
     ap.add_argument("--work", required=True)
     opts = ap.parse_args()
     shutil.rmtree(opts.work, ignore_errors=True)
@@ -94,6 +137,7 @@ def main():
     rc, out, err = zan(opts, "build", "prog.zs", "-o", "prog.txt")
     check(rc == 2 and "must end in .zanb, .zana or .zan" in err, f"bad suffix: {rc} {err!r}")
 
+    counter_frames(opts)
     for f in failures:
         print("FAIL:", f)
     return 1 if failures else 0

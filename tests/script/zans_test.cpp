@@ -31,25 +31,27 @@ class Recorder : public tov::zanb::UiHost {
   size_t next = 0;
   int ex = 0, ey = 0;
 
-  bool winOpen(const std::string& t, int w, int h, int f) override {
-    log << "win \"" << t << "\" " << w << " " << h << " " << f << "\n";
-    return true;
+  template <class... A>
+  void rec(const char* name, const A&... a) {
+    log << name;
+    ((log << ' ' << a), ...);
+    log << '\n';
   }
+  static std::string q(const std::string& s) { return '"' + s + '"'; }
+  static std::string hex(uint32_t v) {
+    char b[16];
+    std::snprintf(b, sizeof b, "0x%x", v);
+    return b;
+  }
+
+  bool winOpen(const std::string& t, int w, int h, int f) override { return rec("win", q(t), w, h, f), true; }
   bool winPump() override { return true; }
-  void present() override { log << "present\n"; }
-  void clear(uint32_t c) override { log << "clear " << hex(c) << "\n"; }
-  void fillRect(int x, int y, int w, int h, uint32_t c) override {
-    log << "rect " << x << " " << y << " " << w << " " << h << " " << hex(c) << "\n";
-  }
-  void line(int x0, int y0, int x1, int y1, uint32_t c, int w) override {
-    log << "line " << x0 << " " << y0 << " " << x1 << " " << y1 << " " << hex(c) << " " << w << "\n";
-  }
-  void circle(int x, int y, int r, uint32_t c) override {
-    log << "circle " << x << " " << y << " " << r << " " << hex(c) << "\n";
-  }
-  void text(int x, int y, const std::string& s, uint32_t c, int scale) override {
-    log << "text " << x << " " << y << " \"" << s << "\" " << hex(c) << " " << scale << "\n";
-  }
+  void present() override { rec("present"); }
+  void clear(uint32_t c) override { rec("clear", hex(c)); }
+  void fillRect(int x, int y, int w, int h, uint32_t c) override { rec("rect", x, y, w, h, hex(c)); }
+  void line(int x0, int y0, int x1, int y1, uint32_t c, int w) override { rec("line", x0, y0, x1, y1, hex(c), w); }
+  void circle(int x, int y, int r, uint32_t c) override { rec("circle", x, y, r, hex(c)); }
+  void text(int x, int y, const std::string& s, uint32_t c, int k) override { rec("text", x, y, q(s), hex(c), k); }
   int pollEvent(int&, int&) override {
     if (next >= events.size()) return 0;
     ex = events[next][1], ey = events[next][2];
@@ -57,54 +59,35 @@ class Recorder : public tov::zanb::UiHost {
   }
   int eventX() const override { return ex; }
   int eventY() const override { return ey; }
-  void sleepMs(int ms) override { log << "sleep " << ms << "\n"; }
-  void uiOpen(const std::string& t, int w, int h) override { log << "uiOpen \"" << t << "\" " << w << " " << h << "\n"; }
+  void sleepMs(int ms) override { rec("sleep", ms); }
+  void uiOpen(const std::string& t, int w, int h) override { rec("uiOpen", q(t), w, h); }
   void uiCmd(uint32_t word, uint32_t a, uint32_t b, uint32_t c, uint32_t d, GuestMem m, int e) override {
     // Which of a..e hold strings, by word.
-    static const std::map<uint32_t, std::string> kStrings = {{9, "a"},   {10, "c"}, {12, "cd"}, {13, "c"},
-                                                             {17, "b"},  {23, "e"}, {26, "e"}};
+    static const std::map<uint32_t, std::string> kStrings = {{9, "a"},  {10, "c"}, {12, "cd"}, {13, "c"},
+                                                             {17, "b"}, {23, "e"}, {26, "e"}};
     const uint32_t f[5] = {a, b, c, d, uint32_t(e)};
     log << "ui " << word;
     auto s = kStrings.find(word);
     for (int i = 0; i < 5; ++i) {
       if (s != kStrings.end() && s->second.find(char('a' + i)) != std::string::npos && f[i])
-        log << " \"" << guestStr(m, f[i]) << "\"";
+        log << " " << q(guestStr(m, f[i]));
       else
         log << " " << (f[i] >= 0x10000 ? hex(f[i]) : std::to_string(f[i]));
     }
     log << "\n";
   }
-  uint32_t uiPresent(GuestMem, uint32_t) override {
-    log << "uiPresent\n";
-    return 0;
-  }
-  void uiTheme(uint32_t v) override { log << "uiTheme " << v << "\n"; }
+  uint32_t uiPresent(GuestMem, uint32_t) override { return rec("uiPresent"), 0; }
+  void uiTheme(uint32_t v) override { rec("uiTheme", v); }
   uint32_t uiToken(uint32_t id) const override { return 0x1000 + id; }
   uint32_t uiResultWord(uint32_t id) const override { return id == 29 ? 1500 : 100 + id; }
-  int fetchStart(const std::string& u, const std::string& p) override { return call("fetchStart", u + " " + p, 7); }
+  int fetchStart(const std::string& u, const std::string& p) override { return rec("fetchStart", u, p), 7; }
   int fetchState(int j) const override { return 40 + j; }
   std::string fetchFile(int) const override { return "f.bin"; }
-  int imageState(int id) override { return call("imageState", std::to_string(id), 2); }
-  bool dataWrite(const std::string& k, const std::string& v) override { return call("dataWrite", k + "=" + v, 1); }
-  bool dataRead(const std::string& k, std::string* v) override {
-    *v = "v:" + k;
-    return true;
-  }
-  int textWidth(const std::string& s, uint32_t style) override {
-    return call("textWidth", s + " " + std::to_string(style), int(s.size()) * 10);
-  }
+  int imageState(int id) override { return rec("imageState", id), 2; }
+  bool dataWrite(const std::string& k, const std::string& v) override { return rec("dataWrite", k + "=" + v), true; }
+  bool dataRead(const std::string& k, std::string* v) override { return *v = "v:" + k, true; }
+  int textWidth(const std::string& s, uint32_t style) override { return rec("textWidth", s, style), int(s.size()) * 10; }
   int storeNum(int id, int row, uint32_t field) const override { return id * 100 + row * 10 + int(field); }
-
- private:
-  static std::string hex(uint32_t v) {
-    char b[16];
-    std::snprintf(b, sizeof b, "0x%x", v);
-    return b;
-  }
-  int call(const char* name, const std::string& args, int result) {
-    log << name << " " << args << "\n";
-    return result;
-  }
 };
 
 // A case: "=== title", an optional "exit: N" line, the source, then blocks
