@@ -99,7 +99,8 @@ class Window {
   double devicePixelRatio() const;
   uint32_t windowPid() const;
 
-  static constexpr uint64_t kMaxPixels = uint64_t(1) << 28;
+  // 8192 by 8192: beyond any screen, and 256 MiB of pixels.
+  static constexpr uint64_t kMaxPixels = uint64_t(1) << 26;
 
   std::unique_ptr<Impl> impl;
   Canvas canvas;

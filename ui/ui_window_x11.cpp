@@ -33,8 +33,13 @@ struct X11Window {
 
 namespace {
 
-// A failed request must not end the process, as Xlib's default handler does.
-int ignoreXError(Display*, XErrorEvent*) { return 0; }
+// A failed request must not end the process, as Xlib's default handler
+// does; it is counted, so that a window the server refused is noticed.
+int gXErrors = 0;
+int countXError(Display*, XErrorEvent*) {
+  ++gXErrors;
+  return 0;
+}
 
 int32_t clampSide(int32_t v) { return std::clamp(v, 1, 32767); }
 
@@ -108,6 +113,9 @@ int32_t specialKey(KeySym ks) {
 // The Unicode code point a keysym types, or 0.
 uint32_t codePointOf(KeySym ks) {
   if ((ks >= 0x20 && ks <= 0x7E) || (ks >= 0xA0 && ks <= 0xFF)) return uint32_t(ks);
+  // The keypad's space, operators, digits and "=" type their ASCII twins.
+  if (ks == XK_KP_Space || (ks >= XK_KP_Multiply && ks <= XK_KP_9) || ks == XK_KP_Equal)
+    return uint32_t(ks - 0xFF80);
   if ((ks & 0xFF000000) == 0x01000000) return uint32_t(ks & 0x00FFFFFF);
   return 0;
 }
@@ -150,7 +158,7 @@ bool platformOpen(Window& w, const std::string& title) {
   const char* display = std::getenv("DISPLAY");
   if (!display || !*display) return false;
   static std::once_flag once;
-  std::call_once(once, [] { XSetErrorHandler(ignoreXError); });
+  std::call_once(once, [] { XSetErrorHandler(countXError); });
   Display* dpy = XOpenDisplay(nullptr);
   if (!dpy) return false;
 
@@ -162,12 +170,13 @@ bool platformOpen(Window& w, const std::string& title) {
   attrs.background_pixel = BlackPixel(dpy, screen);
   attrs.event_mask = ExposureMask | ButtonPressMask | ButtonReleaseMask | PointerMotionMask |
                      KeyPressMask | KeyReleaseMask | StructureNotifyMask;
+  const int errorsBefore = gXErrors;
   x->win = XCreateWindow(dpy, RootWindow(dpy, screen), 0, 0, unsigned(cw), unsigned(ch), 0,
                          CopyFromParent, InputOutput, CopyFromParent,
                          CWBackPixel | CWEventMask, &attrs);
   XSync(dpy, False);
-  if (!x->win || !makeImage(*x, cw, ch)) {
-    if (x->win) XDestroyWindow(dpy, x->win);
+  if (gXErrors != errorsBefore || !makeImage(*x, cw, ch)) {
+    XDestroyWindow(dpy, x->win);
     XCloseDisplay(dpy);
     delete x;
     return false;

@@ -4,7 +4,9 @@
 
 #include <climits>
 #include <cstdlib>
+#include <fstream>
 
+#include "tests/test_tmp.h"
 #include "ui/ui_host.h"
 #include "ui/ui_window_impl.h"
 #include "ui/zan_ui_runtime.h"
@@ -22,7 +24,7 @@ bool inBox(ll px, ll py, ll x, ll y, ll w, ll h) { return px >= x && px < x + w 
 // 'l' line(a,b)-(c,d), 'c' circle(a,b, r c).
 struct Draw {
   char op;
-  ll a, b, c, d, e;
+  ll a, b, c, d = 0, e = 0;
   // Whether the call paints (px, py), straight from the definitions.
   bool on(ll px, ll py) const {
     switch (op) {
@@ -218,6 +220,18 @@ TEST(UiRuntimeHost, PsfFontsAreCheckedBeforeTheyReplaceTheGlyphs) {
     EXPECT_FALSE(h.parsePsf(bad[i])) << i;
     EXPECT_EQ(h.glyphWidth * 100 + h.glyphCount, 1004u) << i;
   }
+  // Files that are missing, or not fonts (gzip'd or plain), change nothing either.
+  const std::string dir = testTempDir() + "a dir/";
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir + "text.psf") << "not a font";
+  std::ofstream(dir + "text.psf.gz") << "not gzip";
+  for (const char* name : {"missing.psf", "missing.psf.gz", "text.psf", "text.psf.gz"})
+    EXPECT_FALSE(h.loadOne(dir + name)) << name;
+  EXPECT_EQ(h.glyphWidth * 100 + h.glyphCount, 1004u);
+  const std::vector<uint8_t> font = psf1(8);
+  std::ofstream(dir + "ok.psf", std::ios::binary).write(reinterpret_cast<const char*>(font.data()), font.size());
+  EXPECT_TRUE(h.loadOne(dir + "ok.psf"));
+  EXPECT_EQ(h.glyphWidth * 1000 + h.glyphCount, 8256u);
 }
 
 TEST(UiRuntimeHost, TextDrawsGlyphBitsOrHollowBoxes) {
@@ -229,9 +243,9 @@ TEST(UiRuntimeHost, TextDrawsGlyphBitsOrHollowBoxes) {
     for (int y = 0; y < 40; ++y)
       for (int x = 0; x < 40; ++x) ASSERT_EQ(h.window->canvas.pixels[y * 40 + x], expected(x, y)) << x << "," << y;
   };
-  // No font: an 8x16 hollow box; scale 0 draws as 1.
-  h.text(1, 2, "a", C, 0);
-  check([](int x, int y) { return inBox(x, y, 1, 2, 8, 16) && !inBox(x, y, 2, 3, 6, 14) ? C : B; });
+  // No font: 8x16 hollow boxes, cut by the bottom edge; scale 0 draws as 1.
+  h.text(1, 30, "a", C, 0);
+  check([](int x, int y) { return inBox(x, y, 1, 30, 8, 16) && !inBox(x, y, 2, 31, 6, 14) ? C : B; });
 
   // PSF1 4 rows high, scale 2, a line feed: the second 'A' right under the first.
   ASSERT_TRUE(h.parsePsf(psf1(4)));

@@ -124,8 +124,9 @@ def main():
     try:
         display = ":" + os.read(rfd, 64).decode().strip()
         env = {k: v for k, v in os.environ.items() if not k.startswith("ZAN_")}
-        env.update(DISPLAY=display, ZAN_UI_FONT=font)
-        app = subprocess.Popen([args.zan, "run", prog], env=env, stdout=subprocess.PIPE)
+        env.update(DISPLAY=display, ZAN_UI_FONT=font, ZAN_RESIZE_DEBUG="1")
+        app = subprocess.Popen([args.zan, "run", prog], env=env, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE)
         out = (int(line) for line in app.stdout)
         if next(out) != READY:
             raise RuntimeError("program did not draw")
@@ -160,8 +161,9 @@ def main():
         want = [(2, 0, 0)] * 4 + [(1, 3, 4)]
         if got != want:
             failures.append(f"keys: {got} != {want}")
-        # Closing ends the loop (winPump false); the close event is the
-        # last one queued.
+        # A resize is noticed (and dropped) by the pump; closing ends the loop
+        # (winPump false), the close event being the last one queued.
+        xdo("windowsize", wid, "30", "20")
         xdo("windowclose", wid)
         tail = []
         while not tail or tail[-1] != -1:
@@ -170,6 +172,9 @@ def main():
             failures.append(f"after the close: {tail}")
         if app.wait(TIMEOUT) != 0:
             failures.append(f"exit code {app.returncode}")
+        resized = app.stderr.read().decode()
+        if resized != "[resize] takeResize 30x20\n":
+            failures.append(f"resize notice: {resized!r}")
     finally:
         if app and app.poll() is None:
             app.kill()
