@@ -21,7 +21,7 @@ deps:
 
 demo: deps
 	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF -DZAN_BENCH=ON $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama gguf_gen
+	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama zan_build gguf_gen
 	@scripts/demo $(RELEASE)
 
 test: all
@@ -42,16 +42,17 @@ test-asan: deps
 # the installed zan finds them beside itself.
 install: deps
 	cmake -S . -B $(RELEASE) -DCMAKE_BUILD_TYPE=Release -DZAN_TESTS=OFF $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama
+	cmake --build $(RELEASE) -j $(JOBS) --target zan zan_zan2 zan_cpu zan_gguf zan_llama zan_build
 	cmake --install $(RELEASE) --prefix $(PREFIX)
 
-# libFuzzer runs of the JSON, ZAN2, GGUF and app container readers,
+# libFuzzer runs of the JSON, ZAN2, GGUF and app container readers and the
+# script compiler,
 # FUZZ_TIME seconds each.
 fuzz: deps
 	@scripts/install-deps clang libclang-rt-14-dev
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZAN_FUZZ=ON \
 	  -DZAN_TESTS=OFF -DZAN_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(FUZZ) -j $(JOBS) --target json_fuzz zan2_fuzz gguf_fuzz app_fuzz zan2_seeds gguf_gen
+	cmake --build $(FUZZ) -j $(JOBS) --target json_fuzz zan2_fuzz gguf_fuzz app_fuzz zans_fuzz zan2_seeds gguf_gen
 	@scripts/fuzz $(FUZZ) $(FUZZ_TIME)
 
 # zan.exe and the plugin DLLs for 64-bit Windows, cross-built with MinGW-w64

@@ -1,0 +1,269 @@
+// Script compiler: every case of tests/script/cases/*.zst is compiled and
+// either its error text is compared, or the module runs on the machine with
+// a host that records each host call as a line, and standard output, the
+// exit code, the recorded calls and (where given) the listing are compared.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "bytecode/zanb.h"
+#include "bytecode/zanb_vm.h"
+#include "script/zans.h"
+
+namespace {
+
+using tov::zanb::GuestMem;
+
+std::string guestStr(GuestMem m, uint32_t addr) {
+  std::string s;
+  while (addr < m.size && m.base[addr] && s.size() < 256) s.push_back(char(m.base[addr++]));
+  return s;
+}
+
+// Logs host calls; strings as quoted text, colours in hex. Widget command
+// fields that carry strings are shown as the strings they point at.
+class Recorder : public tov::zanb::UiHost {
+ public:
+  std::ostringstream log;
+  std::vector<std::array<int, 3>> events;
+  size_t next = 0;
+  int ex = 0, ey = 0;
+
+  template <class... A>
+  void rec(const char* name, const A&... a) {
+    log << name;
+    ((log << ' ' << a), ...);
+    log << '\n';
+  }
+  static std::string q(const std::string& s) { return '"' + s + '"'; }
+  static std::string hex(uint32_t v) {
+    char b[16];
+    std::snprintf(b, sizeof b, "0x%x", v);
+    return b;
+  }
+
+  bool winOpen(const std::string& t, int w, int h, int f) override { return rec("win", q(t), w, h, f), true; }
+  bool winPump() override { return true; }
+  void present() override { rec("present"); }
+  void clear(uint32_t c) override { rec("clear", hex(c)); }
+  void fillRect(int x, int y, int w, int h, uint32_t c) override { rec("rect", x, y, w, h, hex(c)); }
+  void line(int x0, int y0, int x1, int y1, uint32_t c, int w) override { rec("line", x0, y0, x1, y1, hex(c), w); }
+  void circle(int x, int y, int r, uint32_t c) override { rec("circle", x, y, r, hex(c)); }
+  void text(int x, int y, const std::string& s, uint32_t c, int k) override { rec("text", x, y, q(s), hex(c), k); }
+  int pollEvent(int&, int&) override {
+    if (next >= events.size()) return 0;
+    ex = events[next][1], ey = events[next][2];
+    return events[next++][0];
+  }
+  int eventX() const override { return ex; }
+  int eventY() const override { return ey; }
+  void sleepMs(int ms) override { rec("sleep", ms); }
+  void uiOpen(const std::string& t, int w, int h) override { rec("uiOpen", q(t), w, h); }
+  void uiCmd(uint32_t word, uint32_t a, uint32_t b, uint32_t c, uint32_t d, GuestMem m, int e) override {
+    // Which of a..e hold strings, by word.
+    static const std::map<uint32_t, std::string> kStrings = {{9, "a"},  {10, "c"}, {12, "cd"}, {13, "c"},
+                                                             {17, "b"}, {23, "e"}, {26, "e"}};
+    const uint32_t f[5] = {a, b, c, d, uint32_t(e)};
+    log << "ui " << word;
+    auto s = kStrings.find(word);
+    for (int i = 0; i < 5; ++i) {
+      if (s != kStrings.end() && s->second.find(char('a' + i)) != std::string::npos && f[i])
+        log << " " << q(guestStr(m, f[i]));
+      else
+        log << " " << (f[i] >= 0x10000 ? hex(f[i]) : std::to_string(f[i]));
+    }
+    log << "\n";
+  }
+  uint32_t uiPresent(GuestMem, uint32_t) override { return rec("uiPresent"), 0; }
+  void uiTheme(uint32_t v) override { rec("uiTheme", v); }
+  uint32_t uiToken(uint32_t id) const override { return 0x1000 + id; }
+  uint32_t uiResultWord(uint32_t id) const override { return id == 29 ? 1500 : 100 + id; }
+  int fetchStart(const std::string& u, const std::string& p) override { return rec("fetchStart", u, p), 7; }
+  int fetchState(int j) const override { return 40 + j; }
+  std::string fetchFile(int) const override { return "f.bin"; }
+  int imageState(int id) override { return rec("imageState", id), 2; }
+  bool dataWrite(const std::string& k, const std::string& v) override { return rec("dataWrite", k + "=" + v), true; }
+  bool dataRead(const std::string& k, std::string* v) override { return *v = "v:" + k, true; }
+  int textWidth(const std::string& s, uint32_t style) override { return rec("textWidth", s, style), int(s.size()) * 10; }
+  int storeNum(int id, int row, uint32_t field) const override { return id * 100 + row * 10 + int(field); }
+};
+
+// A case: "=== title", an optional "exit: N" line, the source, then blocks
+// ("--- stdout", "--- host", "--- listing", "--- events") to compare.
+struct Case {
+  std::string file, title, source, stdoutText, host, listing;
+  std::vector<std::array<int, 3>> events;
+  int exit = 0;
+  bool hasHost = false, hasListing = false;
+};
+
+std::vector<Case> readCases(const std::filesystem::path& path) {
+  std::ifstream in(path);
+  std::vector<Case> cases;
+  std::string lineText, block;
+  while (std::getline(in, lineText)) {
+    if (lineText.rfind("=== ", 0) == 0) {
+      cases.emplace_back();
+      cases.back().file = path.filename().string();
+      cases.back().title = lineText.substr(4);
+      block = "source";
+      continue;
+    }
+    if (cases.empty()) continue;
+    Case& c = cases.back();
+    if (lineText.rfind("--- ", 0) == 0) {
+      block = lineText.substr(4);
+      c.hasHost |= block == "host";
+      c.hasListing |= block == "listing";
+    } else if (block == "source" && c.source.empty() && lineText.rfind("exit: ", 0) == 0) {
+      c.exit = std::stoi(lineText.substr(6));
+    } else if (block == "events") {
+      std::istringstream ev(lineText);
+      std::array<int, 3> e{};
+      if (ev >> e[0] >> e[1] >> e[2]) c.events.push_back(e);
+    } else {
+      std::string& target = block == "source" ? c.source : block == "stdout" ? c.stdoutText
+                          : block == "host"   ? c.host   : c.listing;
+      target += lineText + "\n";
+    }
+  }
+  for (Case& c : cases)
+    for (std::string* s : {&c.source, &c.stdoutText, &c.host, &c.listing})
+      while (s->size() >= 2 && s->compare(s->size() - 2, 2, "\n\n") == 0) s->pop_back();
+  return cases;
+}
+
+std::string unescape(const std::string& s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] != '\\' || i + 1 == s.size()) {
+      out += s[i];
+      continue;
+    }
+    const char e = s[++i];
+    out += e == 'n' ? '\n' : e == 't' ? '\t' : e;
+  }
+  return out;
+}
+
+// errors.tbl: one case a line, "SOURCE => MESSAGE".
+TEST(Zans, Errors) {
+  std::ifstream in(std::string(ZAN_SCRIPT_CASES) + "/errors.tbl");
+  std::string lineText;
+  size_t total = 0;
+  while (std::getline(in, lineText)) {
+    const size_t arrow = lineText.find(" => ");
+    if (lineText.empty() || lineText[0] == '#' || arrow == std::string::npos) continue;
+    ++total;
+    SCOPED_TRACE(lineText);
+    tov::zanb::Module m;
+    std::string err;
+    EXPECT_FALSE(tov::zans::compile(unescape(lineText.substr(0, arrow)), m, err));
+    EXPECT_EQ(err, lineText.substr(arrow + 4));
+  }
+  EXPECT_GT(total, 40u);
+}
+
+TEST(Zans, Cases) {
+  std::vector<std::filesystem::path> files;
+  for (const auto& e : std::filesystem::directory_iterator(ZAN_SCRIPT_CASES))
+    if (e.path().extension() == ".zst") files.push_back(e.path());
+  std::sort(files.begin(), files.end());
+  ASSERT_FALSE(files.empty());
+  size_t total = 0;
+  for (const auto& f : files)
+    for (const Case& c : readCases(f)) {
+      ++total;
+      SCOPED_TRACE(c.file + ": " + c.title);
+      tov::zanb::Module m;
+      std::string err;
+      ASSERT_TRUE(tov::zans::compile(c.source, m, err)) << err;
+      if (c.hasListing) {
+        EXPECT_EQ(tov::zanb::disassemble(m), c.listing);
+      }
+      const std::vector<uint8_t> bytes = tov::zanb::writeModule(m);
+      Recorder host;
+      host.events = c.events;
+      std::string out;
+      tov::zanb::VmConfig cfg;
+      cfg.host = &host;
+      cfg.args = {"case.zanb"};
+      cfg.stepLimit = 20'000'000;
+      cfg.onStdout = [&](const uint8_t* p, uint64_t n) { out.append(reinterpret_cast<const char*>(p), n); };
+      const int rc = tov::zanb::runModule(bytes.data(), bytes.size(), cfg, err);
+      EXPECT_EQ(rc, c.exit) << err;
+      EXPECT_EQ(out, c.stdoutText);
+      if (c.hasHost) {
+        EXPECT_EQ(host.log.str(), c.host);
+      }
+    }
+  EXPECT_GT(total, 10u);
+}
+
+}  // namespace
+
+namespace {
+
+std::string repeat(const std::string& s, size_t n) {
+  std::string r;
+  r.reserve(s.size() * n);
+  for (size_t i = 0; i < n; ++i) r += s;
+  return r;
+}
+
+// Sources no one writes by hand: each compiles or fails with a message,
+// and none may crash, hang or exhaust the stack.
+TEST(Zans, HostileSources) {
+  std::string deepIfs = "func main\n";
+  for (int i = 0; i < 10000; ++i) deepIfs += std::string(size_t(i) + 1, ' ') + "if 1\n";
+  std::string manyFuncs;
+  for (int i = 0; i < 100000; ++i) manyFuncs += "func f" + std::to_string(i) + "\n  return " + std::to_string(i) + "\n";
+  manyFuncs += "func main\n  exit f99999()\n";
+  const struct {
+    std::string source;
+    std::string error;  // empty: compiles and runs to `exit`
+    int exit;
+  } kCases[] = {
+      {"", "no func in the source", 0},
+      {"\n\n   \n# c\n", "no func in the source", 0},
+      {"func main\r\n  if 1\r\n    exit 3\r\n", "", 3},
+      {"func main\n\tprint \"a\"\n    exit 2\n", "", 2},
+      {"func main\n  exit " + repeat("1 + ", 250000) + "1\n", "", 250001},
+      {"func main\n  exit " + repeat("(", 10000) + "1" + repeat(")", 10000) + "\n",
+       "line 2: expression nested too deeply", 0},
+      {"func main\n  exit " + repeat("-", 100000) + "1\n", "line 2: expression nested too deeply", 0},
+      {"func main\n  exit (((1\n", "", 1},
+      {"func main\n  print \"abc\n", "line 2: unterminated string", 0},
+      {"func main\n  print \"\xff\xfe\"\n  exit 4\n", "", 4},
+      {"func main\n  exit \xff\n", "line 2: unexpected character '\xff'", 0},
+      {std::string("func main\n  exit 1\0\n", 20), std::string("line 2: unexpected character '\0'", 32), 0},
+      {"func main\n  exit " + repeat("a", 100000) + "\n", "line 2: unknown variable '" + repeat("a", 100000) + "'", 0},
+      {"func main\n  exit " + repeat("pump + ", 600000) + "1\n", "line 2: the function needs more than 4194304 slots",
+       0},
+      {"func main\n" + repeat("  buf b 4096\n", 17000), "line 16386: the program's data would exceed 67108864 bytes",
+       0},
+      {"func main\n  field 1 f 1e300\n", "line 2: the program's data would exceed 67108864 bytes", 0},
+      {deepIfs, "line 202: blocks nested too deeply", 0},
+      {manyFuncs, "", 99999},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.source.substr(0, 40));
+    tov::zanb::Module m;
+    std::string err;
+    const bool ok = tov::zans::compile(c.source, m, err);
+    if (!c.error.empty()) {
+      EXPECT_FALSE(ok);
+      EXPECT_EQ(err, c.error);
+      continue;
+    }
+    ASSERT_TRUE(ok) << err;
+    const std::vector<uint8_t> bytes = tov::zanb::writeModule(m);
+    tov::zanb::VmConfig cfg;
+    cfg.stepLimit = 10'000'000;
+    EXPECT_EQ(tov::zanb::runModule(bytes.data(), bytes.size(), cfg, err), c.exit) << err;
+  }
+}
+
+}  // namespace
