@@ -193,10 +193,14 @@ Value Vm::Impl::syscall(uint32_t number, Value* args, bool& ok) {
 
     case 1: {
       uint64_t fd = lo(A(0)), addr = lo(A(1)), len = lo(A(2));
-      if (len == 0 && addr != 0 && addr < memory.size()) {
-        // Scanned without memPtr: reaching the end of memory is no fault.
-        const char* s = reinterpret_cast<const char*>(memory.data() + addr);
-        len = strnlen(s, std::min<uint64_t>(4096, memory.size() - addr));
+      if (len == 0 && addr != 0) {
+        // Counted through memPtr, a byte at a time: a scan that runs into the
+        // end of memory leaves its fault, and the next load traps on it.
+        while (len < 4096) {
+          const uint8_t* p = memPtr(addr + len, 1);
+          if (!p || *p == 0) break;
+          ++len;
+        }
       }
       // A bad range is no failure of the call; the fault waits for the next load.
       if (const uint8_t* p = memPtr(addr, len)) writeOut(fd == 2 ? 2 : 1, p, len);

@@ -62,9 +62,9 @@ TEST(ZanbSyscall, WriteLengthsAndStreams) {
               // A bad range is no failure of write.
               {1, {1, 131070, 10}, 10}, {1, {1, 0x30000, 4}, 4}},
              p, 0, 0);
-  // The scan stops at the end of memory and leaves no fault: the load behind passes.
-  runSysRows({{1, {1, 131070, 0}, 2, "", "", "ab"}, {1, {1, 131072, 0}, 0}}, p, 0, 0, {},
-             {op(Op_load, 5, 6, 0, kI32)});
+  // A scan that reaches the end of memory leaves its fault: the in-bounds load behind traps.
+  runSysRows({{1, {1, 131070, 0}, 0, "", fault(131072, 1), "ab"}, {1, {1, 131072, 0}, 0, "", fault(131072, 1)}},
+             p, 0, 0, {}, {op(Op_load, 5, 6, 0, kI32)});
 }
 
 // The fault of a bad write stays: stores, bulk operations, other system calls
