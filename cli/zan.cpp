@@ -77,7 +77,7 @@ const Command kCommands[] = {
     {{"chat"}, cmdChat, Loads::InHandler},
     {{"run"}, cmdRun, Loads::InHandler},  // the model route only
     {{"bench"}, cmdBench, Loads::InHandler},
-    {{"info"}, cmdInfo, Loads::Yes},
+    {{"info"}, cmdInfo, Loads::AfterArgs},
     {{"type"}, cmdType, Loads::No},
     {{"store"}, nullptr, Loads::No},
     {{"pack"}, cmdPackApp, Loads::No},
