@@ -64,14 +64,15 @@ TEST(Json, Outcomes) {
       {"{\"a\" 1}", "json: colon"}, {"{\"a\":1 \"b\":2}", "json: comma"}, {"[1 2]", "json: comma"},
       {"[1", "json: comma"}, {"truex", "json: trailing data"}, {"tru", "json: bad literal"},
       {"nul", "json: bad literal"}, {"fals", "json: bad literal"}, {"0x10", "json: trailing data"},
-      {"[0x10]", "json: comma"}, {"007", ""}, {"-.5", ""}, {"1.", ""}, {"1.e5", ""},
-      {"-", "json: bad number"}, {"1e", "json: bad number"}, {"1e+", "json: bad number"}, {"1e999", ""},
-      {n63, ""}, {n64, "json: number too long"}, {std::string(64, '0'), "json: number too long"},
+      {"[0x10]", "json: comma"}, {"007", ""}, {"-.5", ""}, {"1.", ""}, {"1.e5", ""}, {"-", "json: bad number"},
+      {"1e", "json: bad number"}, {"1e+", "json: bad number"}, {"1e999", ""}, {n63, ""},
+      {n64, "json: number too long"}, {std::string(64, '0'), "json: number too long"},
       {std::string("\0", 1), "json: unexpected char"}, {std::string("\"a\0\"", 4), "json: control char"},
-      {"\"\\u0000\"", ""}, {"\"abc", "json: unterminated string"}, {"\"", "json: unterminated string"},
-      {"\"\\n", "json: unterminated string"}, {"\"abc\\", "json: escape"}, {"\"\\x\"", "json: bad escape"},
-      {"\"\\u12\"", "json: \\u"}, {"\"\\u12", "json: \\u"}, {"\"\\u12g4\"", "json: \\u"},
-      {"\"\\ude00\"", "json: lone low surrogate"}, {"\"\\ud83d\"", "json: surrogate pair"},
+      {"\"\x1f\"", "json: control char"}, {"\"\\u0000\"", ""}, {"\"abc", "json: unterminated string"},
+      {"\"", "json: unterminated string"}, {"\"\\n", "json: unterminated string"}, {"\"abc\\", "json: escape"},
+      {"\"\\x\"", "json: bad escape"}, {"\"\\u12\"", "json: \\u"}, {"\"\\u12", "json: \\u"},
+      {"\"\\u12g4\"", "json: \\u"}, {"\"\\ude00\"", "json: lone low surrogate"},
+      {"\"\\udc00\"", "json: lone low surrogate"}, {"\"\\ud83d\"", "json: surrogate pair"},
       {"\"\\ud83dx\\ude00\"", "json: surrogate pair"}, {"\"\\ud83d\\u0041\"", "json: surrogate pair"},
       {"\"\\ud83d\\ude0", "json: surrogate pair"}, {"+1", "json: unexpected char"},
       {"]", "json: unexpected char"}, {"\xEF\xBB\xBF{}", "json: unexpected char"},
@@ -81,6 +82,21 @@ TEST(Json, Outcomes) {
       {std::string(50000, '[') + "{\"a\":" + std::string(50000, '{'), "json: too deep"},
   };
   for (const auto& c : cases) EXPECT_EQ(outcome(c.text), c.message) << c.text.substr(0, 80);
+}
+
+// Escapes decode to UTF-8 of one to four bytes; other bytes pass as they are.
+TEST(Json, EscapesDecodeToUtf8) {
+  const std::pair<std::string, std::string> cases[] = {
+      {R"("\u0041\u00e9\u07ff")", "A\xC3\xA9\xDF\xBF"},
+      {R"("\u0800\u20ac\uffff")", "\xE0\xA0\x80\xE2\x82\xAC\xEF\xBF\xBF"},
+      {R"("\ud83d\ude00\udbff\udfff")", "\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF"},
+      {R"("\b\f\n\r\t\/\\\"é")", "\b\f\n\r\t/\\\"é"},
+  };
+  for (const auto& [text, want] : cases) {
+    Value v;
+    EXPECT_EQ(outcome(text, &v), "") << text;
+    EXPECT_EQ(v.string, want) << text;
+  }
 }
 
 TEST(Json, NullInputAndDepthLimit) {

@@ -79,6 +79,13 @@ TEST(Zan2, Crc64) {
             zan2::crc64(text.data(), text.size()));
 }
 
+TEST(Zan2, KindNames) {
+  const char* names[] = {"model (legacy/unmarked)", "model", "plugin", "dataset", "bundle", "repo", "app",
+                         "unknown-kind"};
+  for (uint32_t k = 0; k < 8; ++k) EXPECT_STREQ(zan2::kindName(k), names[k]) << k;
+  EXPECT_STREQ(zan2::kindName(0xFFFF), "unknown-kind");
+}
+
 TEST(Zan2, OpenChecksInOrder) {
   using Patch = std::function<void(std::string&)>;
   auto setU32 = [](size_t at, uint32_t v) { return [=](std::string& f) { f.replace(at, 4, u32(v)); }; };
@@ -279,6 +286,19 @@ TEST(Zan2, WriterRoundTrip) {
   }
   // Names compare on 64 bytes only.
   EXPECT_NE(r.findTensor((std::string(64, 'w') + "extra!").c_str()), nullptr);
+
+  // A record of 5 dims, or one reaching past WeightData, gives an empty view;
+  // the index isn't under the checksum, so the file still opens.
+  std::ifstream in(path, std::ios::binary);
+  std::string file((std::istreambuf_iterator<char>(in)), {});
+  const size_t index = r.section(SectionType::TensorIndex)->offset;
+  file.replace(index + 68, 2, u16(5));
+  file.replace(index + 128 + 112, 8, u64(1ULL << 40));
+  ZAN2Reader odd;
+  ASSERT_TRUE(odd.open(writeTemp(file, "odd.zan").c_str()).ok());
+  EXPECT_EQ(odd.tensorView(0u).data, nullptr);
+  EXPECT_EQ(odd.tensorView(1u).size, 0u);
+  EXPECT_NE(odd.tensorView(2u).data, nullptr);
 }
 
 TEST(Zan2, WriterRefusals) {
