@@ -1,6 +1,8 @@
 // The llama runtime's kernels: half conversions on every half and on the
-// rounding boundaries between them, and the thread pool's split of [0, n).
-// The products themselves are checked end to end by tests/llama/reference.py.
+// rounding boundaries between them, matrix-vector products of each weight
+// type on both instruction paths against a double-precision reference
+// decoded here from the block formulas, row dequantisation, and the
+// thread pool's split of [0, n).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,6 +21,12 @@
 namespace {
 
 using namespace llama;
+
+float bitsFloat(uint32_t u) {
+  float f;
+  std::memcpy(&f, &u, 4);
+  return f;
+}
 
 // IEEE half value from its fields, independent of the code under test.
 double halfValue(uint16_t h) {
@@ -68,20 +76,28 @@ TEST(LlamaKernels, F32ToF16RoundsToNearestEven) {
 TEST(LlamaKernels, F32ToF16Cases) {
   const float inf = std::numeric_limits<float>::infinity();
   const std::pair<float, uint16_t> cases[] = {
-      {0.f, 0x0000}, {-0.f, 0x8000}, {1.f, 0x3c00}, {-2.f, 0xc000},
+      {0.f, 0x0000},
+      {-0.f, 0x8000},
+      {1.f, 0x3c00},
+      {-2.f, 0xc000},
       {1.f + 0x1p-11f, 0x3c00},          // tie, to even
       {1.f + 3 * 0x1p-11f, 0x3c02},      // tie, to even (up)
       {65504.f, 0x7bff},                 // largest half
       {65519.f, 0x7bff},
       {65520.f, 0x7c00},                 // tie past the largest: inf
-      {1e10f, 0x7c00}, {-1e10f, 0xfc00}, {inf, 0x7c00}, {-inf, 0xfc00},
+      {1e10f, 0x7c00},
+      {-1e10f, 0xfc00},
+      {inf, 0x7c00},
+      {-inf, 0xfc00},
       {0x1p-14f, 0x0400},                // smallest normal
       {0x1p-14f - 0x1p-25f, 0x0400},     // tie between 0x03ff and 0x0400
       {0x1p-24f, 0x0001},                // smallest subnormal
       {0x1p-25f, 0x0000},                // tie, to even (zero)
       {0x1p-25f * 1.0001f, 0x0001},
       {3 * 0x1p-25f, 0x0002},            // tie, to even
-      {-5 * 0x1p-24f, 0x8005}, {1e-30f, 0x0000}, {-1e-30f, 0x8000},
+      {-5 * 0x1p-24f, 0x8005},
+      {1e-30f, 0x0000},
+      {-1e-30f, 0x8000},
       {std::numeric_limits<float>::denorm_min(), 0x0000},
   };
   for (auto [f, h] : cases) EXPECT_EQ(f32ToF16(f), h) << f;
@@ -427,6 +443,17 @@ TEST(LlamaKernels, ThreadPoolCoversEveryIndexOnce) {
   ThreadPool all;
   EXPECT_GE(all.size(), 1u);
   expectCovers(all, 12345);
+}
+
+TEST(LlamaKernels, ThreadPoolRepeatedRunsAndTeardown) {
+  ThreadPool pool(3);
+  for (size_t i = 0; i < 300; ++i) expectCovers(pool, (i * 7919) % 1000);
+  // Pools destroyed at once, and after a run.
+  for (int i = 0; i < 20; ++i) {
+    ThreadPool idle(4);
+    ThreadPool used(2);
+    expectCovers(used, size_t(i));
+  }
 }
 
 }  // namespace
