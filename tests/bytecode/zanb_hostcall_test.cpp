@@ -36,7 +36,6 @@ struct RecordingHost : UiHost {
   int pollEvent(int&, int&) override { return rec("pollEvent"), num; }
   int eventX() const override { return num; }
   void sleepMs(int ms) override { rec("sleepMs", ms); }
-  void uiOpen(const std::string& t, int w, int h) override { rec("uiOpen", t, w, h); }
   void uiCmd(uint32_t a, uint32_t b, uint32_t c, uint32_t d, uint32_t e, GuestMem m, int f) override {
     rec("uiCmd", a, b, c, d, e, (long long)m.size, f);
   }
@@ -59,8 +58,6 @@ struct RecordingHost : UiHost {
   std::string installOutput(int) const override { return reply; }
   bool dataRead(const std::string& k, std::string*) override { return rec("dataRead", k), false; }
   int imageId(int id, bool round) override { return rec("imageId", id, round), num; }
-  int textWidth(const std::string& s, uint32_t n) override { return rec("textWidth", s, n), num; }
-  bool dataWrite(const std::string& k, const std::string& v) override { return rec("dataWrite", k, v), true; }
 };
 
 struct HostRow {

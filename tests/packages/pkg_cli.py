@@ -1,13 +1,7 @@
 #!/usr/bin/env python3
-"""update, install, remove and upgrade end to end against real local servers.
-
-    pkg_cli.py --zan PATH
-
-Two static servers (http.server directories with manifest.json and plugins/),
-a fake GitHub answering the topic search and the raw-file paths, and a server
-that stalls mid-file for the kill test. Each step runs zan in one HOME and
-compares stdout, stderr and the exit code exactly; digests come from hashlib.
-"""
+"""update, install, remove and upgrade against two static servers, a fake GitHub
+over TLS and a server that stalls mid-file for SIGKILL, comparing stdout, stderr
+and exit code exactly.   pkg_cli.py --zan PATH"""
 import functools, hashlib, http.server, json, os, signal, ssl, subprocess, sys, tempfile, threading
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
 from zantest import opts, container, expect, finish, self_signed

@@ -1,16 +1,7 @@
 #!/usr/bin/env python3
-"""`zan build`, through the real zan with the shipped plugins beside it, and
-the counter example it compiles, run headless with scripted clicks.
-
-    build_cli.py --zan PATH --examples DIR --work DIR
-
-Each output form is checked by what reads it back: a .zanb runs, a .zana
-listing is the disassembler's text, a .zan app container runs and
-shows its entry in appinfo. A compile error names the file and the
-compiler's line message, exits 1 and leaves no file behind. The counter's
-dumped frames show its colours where it draws them, and the label after "+"
-then "-" is again the one it started with.
-"""
+"""`zan build` through the real zan and its shipped plugins, each output form
+checked by what reads it back, and the counter example's frames run headless
+with scripted clicks.   build_cli.py --zan PATH --examples DIR --work DIR"""
 import glob, os, shutil, sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
 from zantest import opts, check, expect, finish, run

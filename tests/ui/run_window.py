@@ -1,13 +1,7 @@
 #!/usr/bin/env python3
-"""Window programs run by `zan run` with no display: the frame dumps they
-leave, byte for byte against pixels worked out here, and the switches that
-limit or stop them.
-
-    run_window.py --zan PATH --work DIR
-
-Frames go to the fixed paths /tmp/zan-ui-frame-NNN.ppm; ctest runs this test
-under a lock so no other test writes them meanwhile.
-"""
+"""Window programs run by `zan run` with no display: their frame dumps byte for
+byte, and the switches that limit or stop them.   run_window.py --zan PATH --work DIR
+The dumps have fixed paths under /tmp; ctest runs this under a lock."""
 import glob, gzip, os, struct, sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")

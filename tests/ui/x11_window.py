@@ -1,14 +1,7 @@
 #!/usr/bin/env python3
-"""The X11 window for real: a program run by `zan run` on a private Xvfb
-draws and presents; the window's pixels, read back with xwd, must be the
-canvas worked out here; clicks, wheel steps and keys sent with xdotool must
-come back to the program as the events it prints; closing the window ends
-its loop.
-
-    x11_window.py --zan PATH --work DIR
-
-Skipped, with a line saying so, only when Xvfb, xdotool or xwd is missing.
-"""
+"""The X11 window on a private Xvfb: its pixels read back with xwd, input sent
+with xdotool coming back as the events the program prints, closing ending its
+loop.   x11_window.py --zan PATH --work DIR (skipped only without the tools)"""
 import gzip, os, shutil, struct, subprocess, sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from run_window import Canvas, W, H, font_bytes
