@@ -203,7 +203,7 @@ TEST(UiRuntimeHost, PsfFontsAreCheckedBeforeTheyReplaceTheGlyphs) {
   const std::vector<std::vector<uint8_t>> bad = {
       {}, {0x36, 0x04, 0, 16}, cut(psf1(16), 1), cut(psf1(4, 1), 1), psf1(0), {0x36, 0x05, 0, 1, 0},
       cut(psf2(), 1), set(psf2(), 16, 5), set(psf2(), 16, 0x40000000), set(psf2(), 16, 0),
-      set(psf2(), 28, 65), set(psf2(), 24, 0), set(psf2(), 8, 0), set(psf2(), 8, 0xFFFFFFF0),
+      set(psf2(), 28, 65), set(psf2(), 28, 0), set(psf2(), 24, 0), set(psf2(), 8, 0), set(psf2(), 8, 0xFFFFFFF0),
       set(psf2(), 20, 0), set(psf2(), 20, 0xFFFFFFFF), cut(psf2(), 25), {0x72, 0xB5, 0x4A, 0x87, 0},
       {'P', 'K', 3, 4, 0, 0}};
   for (size_t i = 0; i < bad.size(); ++i) {
