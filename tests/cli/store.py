@@ -88,20 +88,16 @@ def run(case, zan, stores):
     allowed = case[7] if len(case) > 7 else []
     tmp = os.path.realpath(tempfile.mkdtemp(prefix="zan-store-"))
     try:
-        for d in (BIN, "home", "cwd"):
-            os.makedirs(os.path.join(tmp, d), exist_ok=True)
+        for d in (BIN, "home", "cwd"): os.makedirs(os.path.join(tmp, d))
         shutil.copy2(zan, os.path.join(tmp, BIN, "zan"))
         for path, kind in files.items():
             full = os.path.join(tmp, path)
             os.makedirs(os.path.dirname(full), exist_ok=True)
-            if kind == "dir":
-                os.makedirs(full)
-            elif kind.startswith("link:"):
-                os.symlink(kind[5:], full)
+            if kind == "dir": os.makedirs(full)
+            elif kind.startswith("link:"): os.symlink(kind[5:], full)
             elif kind in stores:
                 open(full, "wb").write(stores[kind])
-                if kind == "old":
-                    os.utime(full, (1e9, 1e9))
+                if kind == "old": os.utime(full, (1e9, 1e9))
             else:
                 open(full, "w").write({"sh": STORE, "pack": PACK, "flutter": FLUTTER}.get(kind, kind[5:]))
                 os.chmod(full, 0o644 if kind.startswith("text:") else 0o755)
@@ -127,20 +123,17 @@ def run(case, zan, stores):
 
 def main(zan, zana2zanb, echo):
     work = tempfile.mkdtemp(prefix="zan-store-apps-")
-    try:
-        subprocess.run([zan, "pack", echo, "-o", work + "/s.zan"], check=True, capture_output=True)
-        subprocess.run([zana2zanb, echo, work + "/s.zanb"], check=True, capture_output=True)
-        box, zanb = open(work + "/s.zan", "rb").read(), open(work + "/s.zanb", "rb").read()
-        stores = {"zan": box, "old": box, "cut": box[:100], "zanb": zanb}
-        failed = 0
-        for case in CASES:
-            problems = run(case, os.path.realpath(zan), stores)
-            print(("FAIL " if problems else "ok   ") + case[0] + "".join("\n  " + p for p in problems))
-            failed += bool(problems)
-        print(f"{len(CASES)} cases, {failed} failed")
-        return 1 if failed else 0
-    finally:
-        shutil.rmtree(work, ignore_errors=True)
+    subprocess.run([zan, "pack", echo, "-o", work + "/s.zan"], check=True, capture_output=True)
+    subprocess.run([zana2zanb, echo, work + "/s.zanb"], check=True, capture_output=True)
+    box, zanb = open(work + "/s.zan", "rb").read(), open(work + "/s.zanb", "rb").read()
+    shutil.rmtree(work)
+    failed = 0
+    for case in CASES:
+        problems = run(case, os.path.realpath(zan), {"zan": box, "old": box, "cut": box[:100], "zanb": zanb})
+        print(("FAIL " if problems else "ok   ") + case[0] + "".join("\n  " + p for p in problems))
+        failed += bool(problems)
+    print(f"{len(CASES)} cases, {failed} failed")
+    return 1 if failed else 0
 
 
 if __name__ == "__main__":

@@ -52,32 +52,6 @@ TEST(HttpGet, PlainRepliesGoodAndHostile) {
     EXPECT_FALSE(tov::httpGetAny(bad, out)) << bad;
 }
 
-TEST(HttpGet, ProgressLine) {
-  char bar[21];
-  for (auto [pct, want] : {std::pair{size_t(4), "...................."}, {99, "###################."},
-                           {250, "####################"}}) {
-    tov::renderBar(bar, pct);
-    EXPECT_STREQ(bar, want);
-  }
-  const std::string path = testTempDir() + "progress.txt";
-  std::fflush(stdout);
-  const int saved = dup(1);
-  std::FILE* f = std::fopen(path.c_str(), "w");
-  dup2(fileno(f), 1);
-  tov::DownloadProgress p{3, 12, "libzan_a_rather_long_plugin_name_beyond_32.so", false, 0};
-  tov::onInitProgress(1, 2, &p);  // disabled: nothing
-  p.enabled = true;
-  tov::onInitProgress(1, 2, &p);
-  tov::onInitProgress(5, 0, &p);
-  std::fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  std::fclose(f);
-  const std::string line1 = "  [ 3/12] libzan_a_rather_long_plugin_name [##########..........]  50%";
-  const std::string line2 = "  [ 3/12] libzan_a_rather_long_plugin_name [....................]   0%";
-  EXPECT_EQ(slurp(path), line1 + "\r" + std::string(line1.size(), ' ') + "\r" + line2);
-}
-
 TEST(HttpGet, CurlCommandLineAndShellSafety) {
   // A stand-in curl on PATH logs its arguments one per line.
   const std::string dir = testTempDir() + "fakecurl/", log = dir + "log", pwned = testTempDir() + "pwned";

@@ -15,7 +15,7 @@ def reply(status, body, length=None, extra=b""):
 
 BIG = bytes((i * 7) & 0xFF for i in range(100000))
 FIXED = {"/ok": reply(b"200 OK", b"hello world", 11), "/nolen": reply(b"200 OK", b"until close"),
-         "/short": reply(b"200 OK", b"12345678", 10), "/long": reply(b"200 OK", b"123456789012", 10),
+         "/short": reply(b"200 OK", b"123456789", 10), "/long": reply(b"200 OK", b"123456789012", 10),
          "/301": reply(b"301 Moved", b"", 0, b"Location: /ok\r\n"), "/404": reply(b"404 Not Found", b"missing", 7),
          "/early": b"HTTP/1.1 200 OK\r\nContent-Len", "/zero": reply(b"200 OK", b"", 0),
          "/upper": b"HTTP/1.1 200 OK\r\nCONTENT-LENGTH:   5\r\n\r\nabcdefgh",

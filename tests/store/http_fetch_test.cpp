@@ -46,7 +46,6 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
   put(root + "gh/repos/o/r/contents/store.json", R"({"apps":[{"id":"g"}]})");
   put(root + "empty/store.json", "");
   put(root + "notjson/store.json", "<html>not found</html>");
-  put(root + "fields/store.json", R"({"apps":[{"id":5,"title":["x"],"name":"N"},{"version":"7"},{"id":"k"}]})");
   std::ostringstream many;
   for (int i = 0; i < 5000; ++i) many << (i ? "," : "{\"apps\":[") << "{\"id\":\"app" << i << "\",\"size\":" << i * 1000 << "}";
   put(root + "many/store.json", many.str() + "]}");
@@ -57,29 +56,26 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
   setenv("ZAN_STORE_URL", (srv.base() + "/good").c_str(), 1);
   HttpFetcher* f = nullptr;
   tov::catalog::Catalog c([&] { return std::unique_ptr<tov::fetch::Fetcher>(f = new HttpFetcher); });
-  for (const char* d : {"good", "empty", "notjson", "fields", "many", "missing"}) c.load(srv.base() + "/" + d);
-  EXPECT_EQ(c.state(1), 0);  // all six in flight at once
+  for (const char* d : {"good", "empty", "notjson", "many", "missing"}) c.load(srv.base() + "/" + d);
+  EXPECT_EQ(c.state(1), 0);  // all five in flight at once
   const std::string data("ab\0cd", 5), out = root + "out.bin";
   put(root + "a.bin", data);
   const int file = f->start(srv.base() + "/a.bin", out);
   const int cmd = f->startCommand({"sh", "-c", "printf 'hi there'"}), bad = f->startCommand({"false"});
   EXPECT_TRUE(f->owns(out));
   // The worker runs jobs in order, so `bad` ends last.
-  const auto allDone = [&] { for (int j = 1; j <= 6; ++j) if (c.state(j) == 0) return false; return f->state(bad) != 0; };
+  const auto allDone = [&] { for (int j = 1; j <= 5; ++j) if (c.state(j) == 0) return false; return f->state(bad) != 0; };
   ASSERT_TRUE(pumpUntil(*f, allDone, [&] { c.pump(); }));
   for (const char* v : {"ZAN_GITHUB_API", "ZAN_STORE_REPOS", "ZAN_STORE_URL"}) unsetenv(v);
 
   const std::string gh = " github: 1 app(s);", none = "1 entry(s); official: 0 app(s);" + gh;
   const std::string reports[] = {"3 entry(s); official: 2 app(s);" + gh, none, none,
-                                 "3 entry(s); official: 2 app(s);" + gh, "5001 entry(s); official: 5000 app(s);" + gh,
+                                 "5001 entry(s); official: 5000 app(s);" + gh,
                                  "1 entry(s); official: cannot fetch " + srv.base() + "/missing/store.json;" + gh};
-  for (int j = 1; j <= 6; ++j) EXPECT_EQ(c.report(j), reports[j - 1]);
-  for (int j = 1; j <= 6; ++j) EXPECT_EQ(c.state(j), 1);
+  for (int j = 1; j <= 5; ++j) EXPECT_EQ(c.report(j) + std::to_string(c.state(j)), reports[j - 1] + "1");
   EXPECT_EQ(c.text(1, 0, 3), srv.base() + "/good/a.zan");
   EXPECT_EQ(c.num(1, 1, 0), 2001000);
-  EXPECT_EQ(c.text(4, 0, 0) + c.text(4, 0, 6) + c.text(4, 1, 6), "Nk");
-  EXPECT_EQ(c.text(5, 4999, 6), "app4999");
-  EXPECT_EQ(c.num(5, 4999, 1), 4999000);
+  EXPECT_EQ(c.text(4, 4999, 6) + std::to_string(c.num(4, 4999, 1)), "app49994999000");
 
   EXPECT_FALSE(f->owns(out));
   EXPECT_EQ(f->state(file) * 100 + f->state(bad) * 10 + f->state(99), 124);
@@ -115,8 +111,7 @@ TEST(HttpFetcher, StallingServerLeavesJobsPendingWithoutBlocking) {
   f.pump();  // comes straight back, with nothing delivered
   EXPECT_FALSE(f.wait(0));
   EXPECT_EQ(f.state(first) + f.state(second), 0);
-  EXPECT_EQ(f.cancel(third), 1);
-  EXPECT_EQ(f.state(third), 2);
+  EXPECT_EQ(f.cancel(third) * 10 + f.state(third), 12);
   EXPECT_EQ(f.error(third), "cancelled");
   EXPECT_EQ(f.cancel(third), 0);
 

@@ -59,7 +59,7 @@ TEST(Catalog, PlainFetcherFailsEverySourceAtTheFirstPump) {
 TEST(Catalog, LoadAsksOfficialAndFirstRepoThenReadsBoth) {
   setenv("ZAN_STORE_URL", "http://srv:81/base", 1);
   setenv("ZAN_GITHUB_API", "http://gh", 1);
-  setenv("ZAN_STORE_REPOS", " a/b , ,c/d ", 1);
+  setenv("ZAN_STORE_REPOS", " a/b ,\t,c/d\t", 1);
   setenv("ZAN_GITHUB_TOKEN", "tok", 1);
   ScriptedFetcher* f = nullptr;
   Catalog c([&] { return std::unique_ptr<tov::fetch::Fetcher>(f = new ScriptedFetcher); });

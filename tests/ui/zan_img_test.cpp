@@ -12,14 +12,11 @@ using namespace tov::img;
 TEST(ZanImg, SniffAndDecodeReasons) {
   const char* unknown = "not a png, jpeg or webp image";
   const std::tuple<std::string, int, const char*> rows[] = {
-      {"\xFF\xD8", kUnknown, unknown},
-      {"\xFF\xD8\xFF", kJpeg, "jpeg: support not built in"},
-      {"\x89PNG", kUnknown, unknown},
-      {"\x89PNG\r\n\x1a\n", kPng, "png: support not built in"},
+      {"\xFF\xD8", kUnknown, unknown}, {"\xFF\xD8\xFF", kJpeg, "jpeg: support not built in"},
+      {"\x89PNG", kUnknown, unknown}, {"\x89PNG\r\n\x1a\n", kPng, "png: support not built in"},
       {std::string("RIFF\0\0\0\0WEBP", 12), kWebp, "webp: support not built in"},
       {std::string("RIFF\0\0\0\0WAVE", 12), kUnknown, unknown},
-      {std::string("RIFF\0\0\0\0WEB", 11), kUnknown, unknown},
-  };
+      {std::string("RIFF\0\0\0\0WEB", 11), kUnknown, unknown}};
   for (const auto& [bytes, format, reason] : rows) {
     const auto* p = reinterpret_cast<const uint8_t*>(bytes.data());
     EXPECT_EQ(sniff(p, bytes.size()), format) << bytes.size();

@@ -9,9 +9,7 @@ BUF = 60000   # text buffer of the number printer; its "\n" suffix at BUF - 8
 
 class Prog:
     def __init__(self, slots=64):
-        self.slots = slots
-        self.code = []
-        self.labels = {}
+        self.slots, self.code, self.labels = slots, [], {}
         self.const(0, 0)                 # slot 0 holds 0: the base of every store
         self.const(1, 10)
         self.emit(f"store8 a=0 b=1 c={BUF - 8}")
@@ -36,9 +34,7 @@ class Prog:
 
     def string(self, addr, data):
         """Stores bytes (str or bytes) and a terminator at addr."""
-        if isinstance(data, str):
-            data = data.encode()
-        for i, b in enumerate(data + b"\0"):
+        for i, b in enumerate((data.encode() if isinstance(data, str) else data) + b"\0"):
             self.const(2, b)
             self.emit(f"store8 a=0 b=2 c={addr + i}")
 
@@ -55,8 +51,6 @@ class Prog:
         for line in self.code:
             if isinstance(line, tuple):
                 op, target, slot = line
-                pc = self.labels[target]
-                out.append(f"{op} a={pc}" + (f" b={slot}" if slot is not None else ""))
-            else:
-                out.append(line)
+                line = f"{op} a={self.labels[target]}" + (f" b={slot}" if slot is not None else "")
+            out.append(line)
         return "\n".join(out) + "\n"
