@@ -100,14 +100,16 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--zan", required=True)
     ap.add_argument("--work", required=True)
+    ap.add_argument("--wrapper", default="", help="runs a Windows build (wine): the Win32 window")
     args = ap.parse_args()
     missing = [t for t in ("Xvfb", "xdotool", "xwd") if not shutil.which(t)]
     if missing:
         print(f"SKIPPED: {' '.join(missing)} not installed (scripts/install-deps installs them)")
         return 0
     os.makedirs(args.work, exist_ok=True)
-    font = os.path.join(args.work, "font.psf.gz")
-    with gzip.open(font, "wb") as f:
+    # Windows has no gzip to unpack a font with.
+    font = os.path.join(args.work, "font.psf" if args.wrapper else "font.psf.gz")
+    with (open if args.wrapper else gzip.open)(font, "wb") as f:
         f.write(font_bytes())
     prog = os.path.join(args.work, "x11.zana")
     with open(prog, "w") as f:
@@ -125,7 +127,8 @@ def main():
         display = ":" + os.read(rfd, 64).decode().strip()
         env = {k: v for k, v in os.environ.items() if not k.startswith("ZAN_")}
         env.update(DISPLAY=display, ZAN_UI_FONT=font, ZAN_RESIZE_DEBUG="1")
-        app = subprocess.Popen([args.zan, "run", prog], env=env, stdout=subprocess.PIPE,
+        wrapper = [args.wrapper] if args.wrapper else []
+        app = subprocess.Popen(wrapper + [args.zan, "run", prog], env=env, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE)
         out = (int(line) for line in app.stdout)
         if next(out) != READY:
