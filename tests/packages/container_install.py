@@ -28,13 +28,17 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--zan", required=True)
     ap.add_argument("--server", required=True)
+    ap.add_argument("--wrapper", default="", help="runs a Windows build (wine)")
     opts = ap.parse_args()
+    wrapper = [opts.wrapper] if opts.wrapper else []
     home = tempfile.mkdtemp(prefix="zan-ct-")
     plug = os.path.join(home, ".zan/plugin")
-    env = {"PATH": os.environ["PATH"], "HOME": home}
+    # wine hands HOME to Windows programs only as WINEHOME.
+    env = {k: v for k, v in os.environ.items() if k.startswith("WINE")}
+    env.update({"PATH": os.environ["PATH"], "WINEHOME" if wrapper else "HOME": home})
 
     def zan(*args, cwd=home):
-        p = subprocess.run([opts.zan, *args], cwd=cwd, env=env, capture_output=True, timeout=60)
+        p = subprocess.run(wrapper + [opts.zan, *args], cwd=cwd, env=env, capture_output=True, timeout=60)
         return p.returncode, p.stdout.decode(), p.stderr.decode()
 
     def put(name, data):
@@ -54,7 +58,9 @@ def main():
                                                               {"name": "sub/p.dat", "section": 2}]},
                          {"name": "q", "version": "1", "files": [{"name": "zan_q.so", "section": 0}]}]}
     put("r.zan", container(5, repo1, [b"PPP", b"data", b"conf=1"]))
-    origin = "zan://" + os.path.join(home, "r.zan")
+    # On Windows the working directory is a drive path with backslashes,
+    # escaped in the JSON text.
+    origin = "zan://" + ("Z:" + home.replace("/", "\\\\") if wrapper else home) + "/r.zan"
     rc, out, err = zan("install", "r.zan")
     check((rc, err, out) == (0, "", "zan: sources.list initialized (%s/.zan/sources.list)\n" % home +
           "installed p 2.0 (from r.zan)\ninstalled q 1 (from r.zan)\nconfig p.conf -> %s/.zan/p.conf\n" % home +
@@ -140,7 +146,7 @@ def main():
         srv = subprocess.Popen([sys.executable, opts.server, "--root", home, "--stall-at", str(at)],
                                stdout=subprocess.PIPE, text=True)
         port = int(srv.stdout.readline().split()[1])
-        z = subprocess.Popen([opts.zan, "install", "--force", "--repo", "http://127.0.0.1:%d/file/r.zan" % port],
+        z = subprocess.Popen(wrapper + [opts.zan, "install", "--force", "--repo", "http://127.0.0.1:%d/file/r.zan" % port],
                              env=env, cwd=home, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         check(srv.stdout.readline().startswith("STALL"), f"stall at {at}")
         z.kill()
