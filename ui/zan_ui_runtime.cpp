@@ -309,12 +309,18 @@ bool RuntimeHost::loadOne(const std::string& path) {
   const bool gz = path.size() >= 4 && path.compare(path.size() - 3, 3, ".gz") == 0;
   if (gz) {
 #ifdef _WIN32
-    return false;
+    // cmd.exe quotes with double quotes; gzip.exe must be on PATH.
+    const std::string cmd = "gzip -dc \"" + path + "\" 2>NUL";
+    FILE* p = _popen(cmd.c_str(), "rb");
 #else
     const std::string cmd = "gzip -dc '" + path + "' 2>/dev/null";
     FILE* p = popen(cmd.c_str(), "r");
+#endif
     if (!p) return false;
     for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, p)) > 0;) bytes.insert(bytes.end(), chunk, chunk + n);
+#ifdef _WIN32
+    _pclose(p);
+#else
     pclose(p);
 #endif
   } else {
