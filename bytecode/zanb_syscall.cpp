@@ -57,10 +57,15 @@ inline uint32_t lo(Value v) { return uint32_t(v); }
 }  // namespace
 
 uint64_t Vm::Impl::textLength(uint64_t addr) {
-  // Scanned without memPtr: reaching the end of memory is no fault.
-  if (addr >= memory.size()) return 0;
-  const char* s = reinterpret_cast<const char*>(memory.data() + addr);
-  return strnlen(s, std::min<uint64_t>(4096, memory.size() - addr));
+  // Counted through memPtr, a byte at a time: a scan that runs into the end
+  // of memory leaves its fault, and the next load traps on it.
+  uint64_t len = 0;
+  while (len < 4096) {
+    const uint8_t* p = memPtr(addr + len, 1);
+    if (!p || *p == 0) break;
+    ++len;
+  }
+  return len;
 }
 
 void Vm::Impl::writeOut(int fd, const uint8_t* p, uint64_t n) {

@@ -94,7 +94,8 @@ struct Vm::Impl {
   // Calls 10 to 55, through `config.host` or to their defaults.
   Value hostCall(uint32_t number, Value* args);
   // Length of the zero-terminated text at `addr`: at most 4096, cut at the
-  // end of memory, 0 outside it; sets no fault.
+  // end of memory, counted through memPtr, so running off the end leaves
+  // `fault` set for the next load.
   uint64_t textLength(uint64_t addr);
   void writeOut(int fd, const uint8_t* p, uint64_t n);
   void printRing();

@@ -136,6 +136,7 @@ int cmdInfo(int argc, char** argv) {
   }
   const char* path = argv[2];
   PluginManager& mgr = PluginManager::instance();
+  mgr.loadAll();
   // A format without getInfo or getTensor can't give a summary either.
   const ZANFormatDesc* fmt = mgr.findFormat("zan2");
   if (!fmt || !fmt->getInfo || !fmt->getTensor) {

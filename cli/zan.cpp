@@ -101,7 +101,7 @@ const Command kCommands[] = {
     {{"chat"}, cmdChat, Loads::InHandler},
     {{"run"}, cmdRun, Loads::InHandler},  // the model route only
     {{"bench"}, cmdBench, Loads::InHandler},
-    {{"info"}, cmdInfo, Loads::Yes},
+    {{"info"}, cmdInfo, Loads::AfterArgs},
     {{"type"}, cmdType, Loads::No},
     {{"store"}, cmdStore, Loads::No},
     {{"pack"}, cmdPackApp, Loads::No},

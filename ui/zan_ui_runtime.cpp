@@ -302,33 +302,25 @@ void RuntimeHost::loadFont() {
 }
 
 bool RuntimeHost::loadOne(const std::string& path) {
-  // Compressed fonts go through the system's gzip; plain files are read
-  // directly. Either way a missing file gives no bytes, which fails.
+  // The file comes through a shell pipe: gzip for ".gz" names, cat for the
+  // rest, the path between single quotes as given. No bytes fails.
   std::vector<uint8_t> bytes;
   char chunk[4096];
   const bool gz = path.size() >= 4 && path.compare(path.size() - 3, 3, ".gz") == 0;
-  if (gz) {
 #ifdef _WIN32
-    // cmd.exe quotes with double quotes; gzip.exe must be on PATH.
-    const std::string cmd = "gzip -dc \"" + path + "\" 2>NUL";
-    FILE* p = _popen(cmd.c_str(), "rb");
+  // Windows has neither program: plain files are read directly.
+  if (gz) return false;
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) return false;
+  for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) bytes.insert(bytes.end(), chunk, chunk + n);
+  std::fclose(f);
 #else
-    const std::string cmd = "gzip -dc '" + path + "' 2>/dev/null";
-    FILE* p = popen(cmd.c_str(), "r");
+  const std::string cmd = std::string(gz ? "gzip -dc '" : "cat '") + path + "' 2>/dev/null";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p) return false;
+  for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, p)) > 0;) bytes.insert(bytes.end(), chunk, chunk + n);
+  pclose(p);
 #endif
-    if (!p) return false;
-    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, p)) > 0;) bytes.insert(bytes.end(), chunk, chunk + n);
-#ifdef _WIN32
-    _pclose(p);
-#else
-    pclose(p);
-#endif
-  } else {
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return false;
-    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) bytes.insert(bytes.end(), chunk, chunk + n);
-    std::fclose(f);
-  }
   if (bytes.empty()) return false;
   return parsePsf(bytes);
 }

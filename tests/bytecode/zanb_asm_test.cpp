@@ -49,8 +49,7 @@ TEST(ZanbAsm, MessagesAndEncodings) {
       {f + "convert F64.promote_f32 a=1\n", "line 2: unknown conversion"},
       {f + "convert a=1 b=2 f64.promote_f32\n", "line 2: unknown conversion"},
       {f + "ADD.i32 a=1\n", "line 2: unknown op 'ADD'"}, {f + "1 2 3\n", "line 2: unknown op '2'"},
-      {f + "\vfunc 1 g\n", "line 2: unknown op 'func'"},
-      {f + "foo\nbar.zz\n", "line 2: unknown op 'foo'"},
+      {f + "\vfunc 1 g\n", "line 2: unknown op 'func'"}, {f + "foo\nbar.zz\n", "line 2: unknown op 'foo'"},
       {"func 0 f\r\nnop\r\nadd.x\r\n", "line 3: bad type 'x'"}, {"", "no functions in input"},
       {"ZANB v1: funcs=0 mem=0..0 pages\n# a\n; b\n \t \r\n17\n", "no functions in input"},
 
@@ -58,15 +57,13 @@ TEST(ZanbAsm, MessagesAndEncodings) {
       {f + "const.f64 a=1 bits=0x4000000000000000", "301 1 0 40000000"},
       {f + "const.i64 a=2 b=5 c=6", "101 2 5 6"},
       {f + "const.i64 a=2 b=-1 c=0", "101 2 ffffffff ffffffff"},  // b fills the high half
-      {f + "const.i64 a=2 c=-2", "101 2 0 fffffffe"},
-      {f + "const.f32 a=3 bits=-1", "201 3 ffffffff ffffffff"},
+      {f + "const.i64 a=2 c=-2", "101 2 0 fffffffe"}, {f + "const.f32 a=3 bits=-1", "201 3 ffffffff ffffffff"},
       {f + "const.i32 a=4 bits=9 b=1 c=1", "1 4 9 0"},  // bits= wins
       {f + "const.i32 a=4 bits=zz b=3", "1 4 3 0"},     // unparsed bits= is missing
       {f + "ret a=-1", "3d ffffffff 0 0"}, {f + "convert.i32 f64.promote_f32 a=1 b=2", "44 1 2 c"},
       {f + "convert i32.wrap_i64 a=1 b=2 c=9", "44 1 2 0"},
       {f + "convert i64.extend32_s a=5 b=6", "44 5 6 19"}, {f + "add a=0 b=1 c=2", "7 0 1 2"},
-      {f + "add.f64 c=2 b=1 a=0", "307 0 1 2"},
-      {f + "17 add.i64 a=0x10 b=010 c=-2", "107 10 8 fffffffe"},
+      {f + "add.f64 c=2 b=1 a=0", "307 0 1 2"}, {f + "17 add.i64 a=0x10 b=010 c=-2", "107 10 8 fffffffe"},
       {f + "  4  load8_u a=1 b=2 c=3", "2f 1 2 3"},
       {f + "jmp.f32 a=4", "238 4 0 0"},  // a suffix is taken on any op
       {f + "add a=99999999999", "7 4876e7ff 0 0"}, {f + "add a=x b= 5 c=", "7 0 5 0"},
@@ -105,80 +102,13 @@ TEST(ZanbAsm, ModuleShapeAndHeaderLines) {
       {"func 0 f\n  ZANB entry=1\n", 1, 0, 0},  // anywhere, fields missing stay 0
       {"ZANB mem=0x10..0x8000000000 entry=-1\nfunc 0 f\n", 0xFFFFFFFF, 16, 0x8000000000},
       {"ZANB entry=5 mem=2..4\nfunc 0 f\nZANB entry=6\n", 6, 2, 4},  // later lines override
-      {"ZANBX ..7\nfunc 0 f\n", 0, 0, 7},
-      {"ZANB entry=x mem=..\nfunc 0 f\n", 0, 0, 0},
+      {"ZANBX ..7\nfunc 0 f\n", 0, 0, 7}, {"ZANB entry=x mem=..\nfunc 0 f\n", 0, 0, 0},
   };
   for (const Case& c : cases) {
     Module h = asmOk(c.text);
     EXPECT_EQ(h.header.entry, c.entry) << c.text;
     EXPECT_EQ(h.header.memMinPages, c.memMin) << c.text;
     EXPECT_EQ(h.header.memMaxPages, c.memMax) << c.text;
-  }
-}
-
-// The module is replaced on failure too; a key is searched in the whole line,
-// behind a NUL as well; a number never runs on into the next line.
-TEST(ZanbAsm, ResetsTheModuleAndReadsWholeLines) {
-  Module m;
-  m.globals.resize(2);
-  m.data.assign(5, 1);
-  std::string err;
-  EXPECT_FALSE(assemble("func 0 f\nbogus\n", m, err));
-  EXPECT_TRUE(m.funcs.empty() && m.globals.empty() && m.data.empty());
-
-  m.globals.resize(2);
-  const char raw[] = "func 0 a\0b\nadd a=1\0 b=2 c=3\n";
-  ASSERT_TRUE(assemble(std::string(raw, sizeof raw - 1), m, err)) << err;
-  EXPECT_TRUE(m.globals.empty());
-  EXPECT_EQ(m.names, std::string("a\0b", 3));
-  ASSERT_EQ(m.code.size(), 1u);
-  EXPECT_EQ(m.code[0].b, 2u);
-  EXPECT_EQ(m.code[0].c, 3u);
-  m = asmOk("func 0 f\nadd b=\n5\n");
-  ASSERT_EQ(m.code.size(), 1u);
-  EXPECT_EQ(m.code[0].b, 0u);
-}
-
-// Ranges and names are not trusted, unknown codes print as "?", and type
-// bits are shown only where the listing keeps them.
-TEST(ZanbAsm, DisassembleUntrustedModule) {
-  Module m;
-  m.header = Header{{'Z', 'A', 'N', 'B'}, 1, 0, 1, 3, 1, 0, 4, 0, 9, 2, 8};
-  m.globals.resize(1);
-  m.data.assign(5, 0);
-  m.names = "main";
-  m.funcs = {{0, 4, 0, 1, 4, 0, 0, 4},                 // main
-             {0, 0, 2, 0, 6, 1, 4, 6},                 // unnamed, runs past the code
-             {2, 9, 1, 1, 1, 1, 0xFFFFFFF0u, 0x20}};  // name past the table, wild range
-  m.code = {{0x101, 1, 0x23456789, 0x1}, {0x207, 1, 2, 3},       {0xFFFF032C, 3, 4, 5},
-            {0x401, 0, 0, 0},            {0xF45, 1, 2, 3},       {0x344, 0, 0, 12},
-            {0x738, 4, 0, 0},            {68, 1, 2, 26},         {0x5C8, 1, 2, 3}};
-  EXPECT_EQ(disassemble(m),
-            "ZANB v1: funcs=3 globals=1 data=5B code=9 insn entry=1 mem=2..8 pages\n"
-            "func 0 main params=0 rets=1 slots=4 argBase=0 code=[0,4)\n"
-            "      0  const.i64 a=1 bits=0x123456789\n"
-            "      1  add.f32 a=1 b=2 c=3\n"
-            "      2  copysign.f64 a=3 b=4 c=5\n"
-            "      3  const.? a=0 bits=0x0\n"
-            "func 1 <anon> params=2 rets=0 slots=6 argBase=1 code=[4,10)\n"
-            "      4  reinterpret.? a=1 b=2 c=3\n"
-            "      5  convert f64.promote_f32 a=0 b=0\n"
-            "      6  jmp a=4 b=0 c=0\n"
-            "      7  convert ? a=1 b=2\n"
-            "      8  ? a=1 b=2 c=3\n"
-            "func 2 <anon> params=1 rets=1 slots=1 argBase=1 code=[4294967280,16)\n");
-}
-
-// Lines are cut at 255 bytes, the newline with the rest.
-TEST(ZanbAsm, DisassembleCutsLinesAt255Bytes) {
-  const std::string top = "ZANB v1: funcs=0 globals=0 data=0B code=0 insn entry=0 mem=0..0 pages\n";
-  const std::string tail = " params=0 rets=0 slots=0 argBase=0 code=[0,0)\n";
-  for (size_t len : {255 - 7 - tail.size(), 256 - 7 - tail.size()}) {
-    Module m;
-    m.header.version = 1;
-    m.names.assign(len, 'n');
-    m.funcs.push_back({0, uint32_t(len), 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(disassemble(m), top + ("func 0 " + m.names + tail).substr(0, 255)) << len;
   }
 }
 
@@ -213,48 +143,6 @@ TEST(ZanbAsm, ListingRoundTrip) {
   Module back = asmOk(disassemble(src));
   EXPECT_EQ(writeModule(back), writeModule(src));
   EXPECT_EQ(std::memcmp(&back.header, &src.header, sizeof(Header)), 0);
-}
-
-// Deterministic bytes; the seed picks the stream.
-std::string noise(size_t n, uint32_t seed) {
-  std::string s(n, '\0');
-  for (char& ch : s) ch = char((seed = seed * 1664525u + 1013904223u) >> 24);
-  return s;
-}
-
-// Bad input gives a message or a module, and quickly: the bound is loose for
-// slow builds, and still far below what quadratic work would take. Each line
-// of the noise is also assembled on its own behind a func line, so that none
-// hides behind an earlier error.
-TEST(ZanbAsm, HostileInput) {
-  const auto start = std::chrono::steady_clock::now();
-  const std::string text = noise(256 * 1024, 1);
-  Module m;
-  std::string err;
-  EXPECT_TRUE(assemble(text, m, err) ? !m.funcs.empty() : !err.empty());
-  for (size_t at = 0; at < text.size();) {
-    size_t nl = std::min(text.find('\n', at), text.size());
-    bool ok = assemble("func 0 f\n" + text.substr(at, nl - at), m, err);
-    EXPECT_TRUE(ok ? m.code.size() <= 1 : err.rfind("line 2: ", 0) == 0) << err;
-    at = nl + 1;
-  }
-  // A number of a megabyte saturates, and keeps its low bits; a name of a
-  // megabyte, spaces, NULs and millions of lines are no trouble.
-  const size_t mb = 1 << 20, n = 1000000;
-  ASSERT_TRUE(assemble("func 0 f\nadd a=" + std::string(mb, '9') + " b=2\n", m, err)) << err;
-  EXPECT_EQ(m.code[0].a, 0xFFFFFFFFu);
-  EXPECT_EQ(assembled("func 0 " + std::string(mb, 'x') + "\n" + std::string(mb, ' ') + "x.y\n"),
-            "line 2: bad type 'y'");
-  EXPECT_EQ(assembled(std::string(mb, '\0')), "line 1: instruction outside a func");
-  std::string nops = "func 0 f\n";
-  for (size_t i = 0; i < n; ++i) nops += "nop\n";
-  ASSERT_TRUE(assemble(nops, m, err)) << err;
-  EXPECT_EQ(m.funcs[0].codeLen, n);
-  EXPECT_EQ(assembled(std::string(3 * n, '\n') + "func 0 f\nbad\n"),
-            "line " + std::to_string(3 * n + 2) + ": unknown op 'bad'");
-  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                std::chrono::steady_clock::now() - start).count();
-  EXPECT_LT(ms, 5000) << "hostile input took " << ms << " ms";
 }
 
 }  // namespace

@@ -27,68 +27,12 @@ bool parse(const std::vector<std::string>& words, RunOpts& opts, std::string& er
 
 std::string plan(const RunOpts& o) { return makeCreateHint("b", o); }
 
-TEST(RunOpts, Defaults) {
-  RunOpts o;
-  std::string err;
-  ASSERT_TRUE(parse({}, o, err));
-  EXPECT_EQ(err, "");
-  EXPECT_EQ(o.temperature, 0.8f);
-  EXPECT_EQ(o.topK, 40);
-  EXPECT_EQ(o.topP, 0.95f);
-  EXPECT_EQ(o.seed, 42u);
-  EXPECT_EQ(o.maxNew, 256u);
-  EXPECT_EQ(o.warmup, 10u);
-  EXPECT_EQ(o.tokens, 100u);
-  EXPECT_EQ(o.runs, 1u);
-  EXPECT_EQ(o.context, 8192u);
-  EXPECT_EQ(o.kv, "f16");
-  EXPECT_FALSE(o.contextSet || o.kvSet || o.systemSet || o.chat || o.cpuOnly || o.perf || o.viaPlugin);
-  EXPECT_EQ(makeCreateHint("cpu", o), "cpu");
-  EXPECT_EQ(makeCreateHint(nullptr, o), "");
-  ::testing::internal::CaptureStderr();
-  printRunCfg(o);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-}
-
-TEST(RunOpts, EveryFlag) {
-  RunOpts o;
-  std::string err;
-  ASSERT_TRUE(parse({"--temp", "0.5", "--top-k", "7", "--top-p", "0.25", "--seed", "18446744073709551615", "-n",
-                     "64", "--warmup", "3", "--tokens", "9", "--runs", "5", "--prefill", "11", "--perf", "--via-plugin",
-                     "--cpu", "--chat", "-p", "-x", "-f", "file.txt", "--max-new", "65", "-context", "100", "-v",
-                     "q4_0", "-system", "sys", "extra", "--gpu"},
-                    o, err));
-  EXPECT_EQ(err, "zan: ignoring unknown option 'extra'\n");
-  EXPECT_EQ(o.temperature, 0.5f);
-  EXPECT_EQ(o.topK, 7);
-  EXPECT_EQ(o.topP, 0.25f);
-  EXPECT_EQ(o.seed, 18446744073709551615u);
-  EXPECT_EQ(o.maxNew, 65u);  // a repeated flag overwrites
-  EXPECT_EQ(o.warmup, 3u);
-  EXPECT_EQ(o.tokens, 9u);
-  EXPECT_EQ(o.runs, 5u);
-  EXPECT_EQ(o.prefill, 11u);
-  EXPECT_TRUE(o.perf && o.viaPlugin && o.chat);
-  EXPECT_FALSE(o.cpuOnly);  // --gpu came last
-  EXPECT_EQ(o.prompt, "-x");  // a value is the next word, whatever it looks like
-  EXPECT_EQ(o.promptFile, "file.txt");
-  EXPECT_TRUE(o.contextSet && o.kvSet && o.systemSet);
-  EXPECT_EQ(o.context, 100u);
-  EXPECT_EQ(o.kv, "q4_0");
-  EXPECT_EQ(o.systemPrompt, "sys");
-  EXPECT_EQ(makeCreateHint("cpu", o), "cpu;ctx=100;kv=q4_0;");
-  ::testing::internal::CaptureStderr();
-  printRunCfg(o);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "[cfg] ctx=100 kv=q4_0 system=3 chars\n");
-}
-
 TEST(RunOpts, Refusals) {
   const struct {
     std::vector<std::string> words;
     const char* err;
   } cases[] = {
-      {{"-n"}, "zan: missing value for -n\n"},
-      {{"--temp"}, "zan: missing value for --temp\n"},
+      {{"-n"}, "zan: missing value for -n\n"}, {{"--temp"}, "zan: missing value for --temp\n"},
       {{"-g", "0"}, "zan: missing value for -g\n"},
       {{"-c", "0"}, "zan: -context needs a positive token count\n"},
       {{"--context", "abc"}, "zan: -context needs a positive token count\n"},
@@ -146,58 +90,6 @@ TEST(RunOpts, DevicePlans) {
   std::string err;
   ASSERT_TRUE(parse({"-g", "3", "all"}, o, err));
   EXPECT_EQ(makeCreateHint(nullptr, o), ";plan=g3:all;");
-}
-
-TEST(RunOpts, SmallParsers) {
-  int32_t t = -9;
-  EXPECT_TRUE(kvNameToType("f16", t));
-  EXPECT_EQ(t, 0);
-  EXPECT_TRUE(kvNameToType("q8_0", t));
-  EXPECT_EQ(t, 1);
-  EXPECT_TRUE(kvNameToType("q4_0", t));
-  EXPECT_EQ(t, 2);
-  EXPECT_FALSE(kvNameToType("q4_1", t));
-  EXPECT_EQ(t, 2);
-
-  const struct {
-    const char* text;
-    bool ok, all;
-    int32_t layers;
-  } cases[] = {{"all", true, true, 0}, {"ALL", true, true, 0}, {"All", false, false, 0}, {"1", true, false, 1},
-               {"007", true, false, 7}, {"0", false, false, 0}, {"", false, false, 0}, {"+3", false, false, 0},
-               {"99999999999", false, false, 0}};
-  for (const auto& c : cases) {
-    int32_t layers = 0;
-    bool all = false;
-    EXPECT_EQ(parseLayersArg(c.text, layers, all), c.ok) << c.text;
-    if (c.ok) {
-      EXPECT_EQ(all, c.all) << c.text;
-      EXPECT_EQ(layers, c.layers) << c.text;
-    }
-  }
-}
-
-TEST(RunOpts, SystemFromFile) {
-  const std::string dir = testTempDir();
-  auto write = [&](const std::string& name, const std::string& text) {
-    std::ofstream(dir + name, std::ios::binary) << text;
-    return dir + name;
-  };
-  EXPECT_EQ(systemFromArg(write("sys1.txt", "be brief\r\n\n\r")), "be brief");
-  EXPECT_EQ(systemFromArg(write("sys2.txt", "")), "");
-  EXPECT_EQ(systemFromArg(write("sys3.txt", "a\nb\n")), "a\nb");
-  EXPECT_EQ(systemFromArg(dir + "no-such-file.txt"), dir + "no-such-file.txt");
-  EXPECT_EQ(systemFromArg("just words"), "just words");
-  const std::string big(1048576 + 100, 'y');
-  EXPECT_EQ(systemFromArg(write("sys4.txt", big)), std::string(1048576, 'y'));
-
-  RunOpts o;
-  std::string err;
-  ASSERT_TRUE(parse({"-s", dir + "sys2.txt"}, o, err));
-  EXPECT_TRUE(o.systemSet);
-  ::testing::internal::CaptureStderr();
-  printRunCfg(o);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "[cfg] system=0 chars\n");
 }
 
 }  // namespace

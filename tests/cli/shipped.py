@@ -132,6 +132,10 @@ def main():
             memory = int(m.group(1))
     check(out == f"0: id=cpu0 name={model} ({cores} logical cores) api=1.0 memory={memory} caps=0x1\n",
           f"backend devices cpu: {out}{err}")
+    # The CPU backend is a host backend: ls devices keeps it out of the GPUs.
+    rc, out, err = zan(opts, "ls", "devices")
+    check(rc == 0 and out.startswith(f"CPUs:\n  cpu 0: {cores} logical cores - ") and "backend=cpu " not in out,
+          f"ls devices: {out}{err}")
 
     configs = [("v3-q8_0", ["--type", "q8_0"]), ("v2-f32-tied", ["--version", "2", "--tied"]),
                ("v3-q4_0-gpt2", ["--type", "q4_0", "--tokenizer", "gpt2"]), ("v3-bf16", ["--type", "bf16"]),

@@ -23,8 +23,6 @@ using zan2::SectionType;
 std::string u16(uint16_t v) { return std::string{char(v), char(v >> 8)}; }
 std::string u32(uint32_t v) { return u16(uint16_t(v)) + u16(uint16_t(v >> 16)); }
 std::string u64(uint64_t v) { return u32(uint32_t(v)) + u32(uint32_t(v >> 32)); }
-std::string str(const std::string& s) { return u32(uint32_t(s.size())) + s; }
-
 struct Sec {
   uint32_t type;
   std::string bytes;
@@ -81,6 +79,13 @@ TEST(Zan2, Crc64) {
             zan2::crc64(text.data(), text.size()));
 }
 
+TEST(Zan2, KindNames) {
+  const char* names[] = {"model (legacy/unmarked)", "model", "plugin", "dataset", "bundle", "repo", "app",
+                         "unknown-kind"};
+  for (uint32_t k = 0; k < 8; ++k) EXPECT_STREQ(zan2::kindName(k), names[k]) << k;
+  EXPECT_STREQ(zan2::kindName(0xFFFF), "unknown-kind");
+}
+
 TEST(Zan2, OpenChecksInOrder) {
   using Patch = std::function<void(std::string&)>;
   auto setU32 = [](size_t at, uint32_t v) { return [=](std::string& f) { f.replace(at, 4, u32(v)); }; };
@@ -95,8 +100,7 @@ TEST(Zan2, OpenChecksInOrder) {
     Patch patch;
     const char* message;
   } cases[] = {
-      {"valid", base, nullptr, ""},
-      {"empty file", "", nullptr, "ZAN2: cannot stat file"},
+      {"valid", base, nullptr, ""}, {"empty file", "", nullptr, "ZAN2: cannot stat file"},
       {"63 bytes", base.substr(0, 63), nullptr, "ZAN2: file too small"},
       {"magic", base, [](std::string& f) { f[3] = '3'; }, "ZAN2: bad magic"},
       {"version", base, setU32(4, 3), "ZAN2: unsupported version"},
@@ -136,15 +140,11 @@ TEST(Zan2, MetaDecoding) {
     std::string meta;
     const char* message;
   } cases[] = {
-      {u32(0), ""},
-      {u32(1), "ZAN2: bad meta key"},
-      {u32(1) + "\x05", "ZAN2: bad meta key"},
-      {u32(1) + u16(5) + "abc", "ZAN2: bad meta key"},
-      {u32(1) + key, "ZAN2: bad meta type"},
+      {u32(0), ""}, {u32(1), "ZAN2: bad meta key"}, {u32(1) + "\x05", "ZAN2: bad meta key"},
+      {u32(1) + u16(5) + "abc", "ZAN2: bad meta key"}, {u32(1) + key, "ZAN2: bad meta type"},
       {u32(1) + key + type(6), "ZAN2: unknown meta type"},
       {u32(1) + key + type(0) + "abc", "ZAN2: bad meta u32"},
-      {u32(1) + key + type(1) + "abc", "ZAN2: bad meta i32"},
-      {u32(1) + key + type(2), "ZAN2: bad meta f32"},
+      {u32(1) + key + type(1) + "abc", "ZAN2: bad meta i32"}, {u32(1) + key + type(2), "ZAN2: bad meta f32"},
       {u32(1) + key + type(3) + "1234567", "ZAN2: bad meta u64"},
       {u32(1) + key + type(4) + "abc", "ZAN2: bad meta str"},
       {u32(1) + key + type(4) + u32(10) + "ab", "ZAN2: bad meta str"},
@@ -157,43 +157,6 @@ TEST(Zan2, MetaDecoding) {
     const std::string meta(c.meta.data(), c.meta.size());
     EXPECT_EQ(openMessage(build({{5, ""}, {4, ""}, {1, meta}})), c.message) << testing::PrintToString(meta);
   }
-}
-
-TEST(Zan2, TokenizerLimits) {
-  const std::string tail = u32(0) + u32(0) + u32(1) + u32(2) + u32(3) + u32(4) + "\x01";
-  const std::string good = "TKNZ" + str("spm") + u32(2) + str("a") + str("") + u32(1) + u32(7) + tail;
-  const struct {
-    std::string section;
-    bool ok;
-  } cases[] = {
-      {good, true},
-      {good.substr(0, good.size() - 1), false},  // no bool
-      {"TKNX" + good.substr(4), false},
-      {"TKNZ" + str("spm") + u32(0x4000001), false},
-      {"TKNZ" + str("spm") + u32(0x4000000), false},  // at the limit, but the bytes aren't there
-      {"TKNZ" + str("spm") + u32(2) + str("a") + u32(100) + "ab", false},
-      {"TKNZ" + str("spm") + u32(0) + u32(3) + u32(1) + u32(2), false},
-      {"TKN", false},
-  };
-  for (const auto& c : cases) {
-    ZAN2Reader r;
-    ASSERT_TRUE(r.open(writeTemp(build({{1, kEmptyMeta}, {2, c.section}, {4, ""}, {5, ""}})).c_str()).ok());
-    TokenizerData t;
-    EXPECT_EQ(r.readTokenizer(t), c.ok) << testing::PrintToString(c.section);
-    if (c.ok) {
-      EXPECT_EQ(t.name, "spm");
-      EXPECT_EQ(t.vocab, (std::vector<std::string>{"a", ""}));
-      EXPECT_EQ(t.scores, std::vector<uint32_t>{7});
-      EXPECT_TRUE(t.tokenTypes.empty() && t.merges.empty());
-      EXPECT_EQ(t.special[0], 1u);
-      EXPECT_EQ(t.special[3], 4u);
-      EXPECT_TRUE(t.addBos);
-    }
-  }
-  ZAN2Reader r;
-  ASSERT_TRUE(r.open(writeTemp(minimal()).c_str()).ok());
-  TokenizerData t;
-  EXPECT_FALSE(r.readTokenizer(t));
 }
 
 struct Model {
@@ -240,7 +203,6 @@ TEST(Zan2, WriterRoundTrip) {
   w.metaF32("eps", 1e-5f);
   const uint32_t arr[] = {1, 2, 0xFFFFFFFF};
   w.metaU32Array("arr", arr, 3);
-  w.metaU32Array("none", nullptr, 0);
   TokenizerData tok;
   tok.name = "gpt2";
   tok.vocab = {"<s>", "</s>", std::string("\0x", 2)};
@@ -252,12 +214,8 @@ TEST(Zan2, WriterRoundTrip) {
   w.setTokenizer(tok);
   std::string err;
   for (const auto& t : m.specs) ASSERT_TRUE(w.addTensor(t, err)) << err;
-  std::vector<uint64_t> reports;
-  w.progress = [&](uint64_t done, uint64_t total) { reports.push_back(done * 1000 + (done == total)); };
   const std::string path = tempPath("roundtrip.zan");
   ASSERT_TRUE(w.write(path.c_str(), err)) << err;
-  ASSERT_FALSE(reports.empty());
-  EXPECT_EQ(reports.back() % 1000, 1u);  // the last report is the whole file
 
   ZAN2Reader r;
   const ZAN2Result res = r.open(path.c_str());
@@ -279,8 +237,6 @@ TEST(Zan2, WriterRoundTrip) {
   uint64_t u64v = 0;
   ASSERT_TRUE(r.getMetaU64("llama.block_count", u64v));
   EXPECT_EQ(u64v, 64u);
-  EXPECT_FALSE(r.getMetaU32("general.architecture", u));  // a string, not a u32
-  EXPECT_FALSE(r.getMetaU32("missing", u));
   int32_t i32 = 0;
   ASSERT_TRUE(r.getMetaI32("neg", i32));
   EXPECT_EQ(i32, -5);
@@ -295,15 +251,6 @@ TEST(Zan2, WriterRoundTrip) {
   ASSERT_TRUE(r.getMetaU32Array("arr", vals, n));
   ASSERT_EQ(n, 3u);
   EXPECT_EQ(vals[2], 0xFFFFFFFFu);
-  ASSERT_TRUE(r.getMetaU32Array("none", vals, n));
-  EXPECT_EQ(n, 0u);
-  EXPECT_EQ(r.metaCount(), 9u);
-  MetaEntryView view;
-  ASSERT_TRUE(r.metaAt(2, view));
-  EXPECT_EQ(view.key, "general.architecture");
-  EXPECT_EQ(view.type, MetaType::Str);
-  EXPECT_EQ(view.text, "llama");
-  EXPECT_FALSE(r.metaAt(9, view));
 
   TokenizerData back;
   ASSERT_TRUE(r.readTokenizer(back));
@@ -339,53 +286,19 @@ TEST(Zan2, WriterRoundTrip) {
   }
   // Names compare on 64 bytes only.
   EXPECT_NE(r.findTensor((std::string(64, 'w') + "extra!").c_str()), nullptr);
-  EXPECT_EQ(r.findTensor("b"), nullptr);
-  EXPECT_EQ(r.findTensor(nullptr), nullptr);
-  EXPECT_EQ(r.tensorView(99).data, nullptr);
-  EXPECT_EQ(r.tensorView("nope").size, 0u);
 
-  r.close();
-  EXPECT_EQ(r.findTensor("a"), nullptr);
-  EXPECT_FALSE(r.aligned64());
-}
-
-TEST(Zan2, ViewsOfOddRecordsAndNoQuantInfo) {
-  Model m = sampleTensors();
-  zan2::ModelWriter w;
-  std::string err;
-  for (auto t : m.specs) {
-    t.quant = 0;
-    ASSERT_TRUE(w.addTensor(t, err));
-  }
-  const std::string path = tempPath("odd.zan");
-  ASSERT_TRUE(w.write(path.c_str(), err)) << err;
-  std::string file;
-  {
-    std::ifstream in(path, std::ios::binary);
-    file.assign(std::istreambuf_iterator<char>(in), {});
-  }
-  ZAN2Reader r;
-  ASSERT_TRUE(r.open(path.c_str()).ok());
-  EXPECT_EQ(r.section(SectionType::QuantInfo), nullptr);
-  EXPECT_EQ(r.tensorView("a").quant, 0u);
-  EXPECT_NE(r.tensorView("a").data, nullptr);
+  // A record of 5 dims, or one reaching past WeightData, gives an empty view;
+  // the index isn't under the checksum, so the file still opens.
+  std::ifstream in(path, std::ios::binary);
+  std::string file((std::istreambuf_iterator<char>(in)), {});
   const size_t index = r.section(SectionType::TensorIndex)->offset;
-  r.close();
-
-  // Record 0 ("a") gets 5 dims, record 1 reaches past WeightData; the index
-  // isn't under the checksum, so the file still opens.
   file.replace(index + 68, 2, u16(5));
   file.replace(index + 128 + 112, 8, u64(1ULL << 40));
-  ASSERT_TRUE(r.open(writeTemp(file, "odd2.zan").c_str()).ok());
-  EXPECT_EQ(r.tensorView(0u).data, nullptr);
-  EXPECT_EQ(r.tensorView(1u).size, 0u);
-  EXPECT_NE(r.tensorView(2u).data, nullptr);
-
-  // A failed open leaves the reader closed.
-  EXPECT_FALSE(r.open(writeTemp("", "empty.zan").c_str()).ok());
-  EXPECT_FALSE(r.isOpen());
-  EXPECT_EQ(r.metaCount(), 0u);
-  EXPECT_EQ(r.findTensor("a"), nullptr);
+  ZAN2Reader odd;
+  ASSERT_TRUE(odd.open(writeTemp(file, "odd.zan").c_str()).ok());
+  EXPECT_EQ(odd.tensorView(0u).data, nullptr);
+  EXPECT_EQ(odd.tensorView(1u).size, 0u);
+  EXPECT_NE(odd.tensorView(2u).data, nullptr);
 }
 
 TEST(Zan2, WriterRefusals) {

@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
 """The llama runtime through zan itself: run, chat and bench on generated
 models (their text is noise, so the checks are about behaviour: the same
-seed gives the same text, output is valid UTF-8, limits hold, failures are
-reported).
+seed gives the same text, limits hold, failures are reported).
 
     runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR [--wrapper PROGRAM]
 
@@ -53,17 +52,6 @@ def main():
         b = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
         check(a[0] == 0 and a[1] == b[1], f"{t}: the same seed gave different text: {a[1]!r} vs {b[1]!r}")
         check(a[2] == "[plugin-runtime] llama (cpu)\n", f"{t}: run stderr: {a[2]!r}")
-        # Random weights sample byte tokens freely; whatever they spell, the
-        # text handed out is valid UTF-8.
-        for seed in range(6):
-            out = zan("run", model, "-p", "é 日本", "--seed", str(seed), "-n", "64", "--temp", "1.5")[1]
-            try:
-                out.decode("utf-8")
-            except UnicodeDecodeError:
-                check(False, f"{t}: the answer is not valid UTF-8: {out!r}")
-        g1 = zan("run", model, "-p", "a b c", "--temp", "0", "-n", "16", "--seed", "1")
-        g2 = zan("run", model, "-p", "a b c", "--temp", "0", "-n", "16", "--seed", "99")
-        check(g1[0] == 0 and g1[1] == g2[1], f"{t}: greedy text depends on the seed")
         rc, out, err = zan("run", model, "-p", "x", "-n", "0")
         check(rc == 0 and out == b"\n", f"{t}: -n 0 should answer nothing: {out!r} {err}")
         rc, out, err = zan("run", model, "-p", "hi", "-kv", "q8_0", "-c", "64", "-n", "8")
@@ -91,8 +79,6 @@ def main():
                                                   for l in lines[:2])
               and re.fullmatch(r"mean [\d.]+ ms \| p50 [\d.]+ \| min [\d.]+ \| max [\d.]+ \| [\d.]+ tok/s", lines[2]),
               f"{t}: bench: {out!r} {err}")
-        rc, out, err = zan("bench", model, "--tokens", "5000", "--runs", "1", "-c", "64")
-        check(rc == 0 and err.endswith("zan: bench failed (3)\n"), f"{t}: bench beyond the context: {err!r}")
 
     # A container whose tensor index lost a tensor (the index isn't under the
     # header checksum, so the file still opens): create says what is missing.

@@ -73,68 +73,6 @@ class Registry : public ::testing::Test {
   PluginManager mgr;
 };
 
-TEST_F(Registry, ProbeTiesAndOut) {
-  const struct {
-    const char *alpha, *beta, *betaRc;
-    const char* backend;  // of the winner; null: no winner
-    int confidence;
-  } cases[] = {
-      {"50", "50", "0", "alpha-cpu", 50}, {"40", "50", "0", "beta-cpu", 50}, {"10", "90", "1", "alpha-cpu", 10},
-      {"0", "-5", "0", nullptr, 0},       {"1", "0", "0", "alpha-cpu", 1},
-  };
-  for (const auto& c : cases) {
-    EnvVar a("ZAN_TEST_ALPHA_CONF", c.alpha), b("ZAN_TEST_BETA_CONF", c.beta), rc("ZAN_TEST_BETA_RC", c.betaRc);
-    ZANRuntimeProbe out{};
-    out.confidence = 77;  // untouched without a winner
-    const ZANRuntimeDesc* d = mgr.probeModel("m.zan", &out);
-    if (!c.backend) {
-      EXPECT_EQ(d, nullptr);
-      EXPECT_EQ(out.confidence, 77);
-      continue;
-    }
-    ASSERT_NE(d, nullptr);
-    EXPECT_STREQ(out.backend, c.backend);
-    EXPECT_EQ(out.confidence, c.confidence);
-    EXPECT_EQ(d, std::string(c.backend) == "alpha-cpu" ? mgr.runtimes[0] : mgr.runtimes[1]);
-    EXPECT_EQ(mgr.probeModel("m.zan", nullptr), d);
-  }
-}
-
-TEST_F(Registry, LookupsById) {
-  ASSERT_EQ(mgr.runtimes.size(), 2u);
-  EXPECT_EQ(mgr.findRuntime("alpha-rt"), mgr.runtimes[0]);  // the first of two
-  EXPECT_EQ(mgr.findRuntime(nullptr), nullptr);
-  EXPECT_EQ(mgr.findRuntime("ALPHA-RT"), nullptr);
-  EXPECT_EQ(mgr.findRuntime("alpha"), nullptr);
-  EXPECT_NE(mgr.findRuntimeV2("beta-rt"), nullptr);
-  EXPECT_NE(mgr.findRuntimeV2S("alpha-rt"), nullptr);
-  EXPECT_EQ(mgr.findBackend("beta-gpu"), mgr.backends[2]);
-  EXPECT_NE(mgr.findExec("beta-exec"), nullptr);
-  EXPECT_NE(mgr.findFormat("alpha-fmt"), nullptr);
-  EXPECT_EQ(mgr.findFormat("zan2"), nullptr);
-  EXPECT_NE(mgr.findImporter("alpha-imp"), nullptr);
-  EXPECT_NE(mgr.findTokenizer("beta-tok"), nullptr);
-  EXPECT_NE(mgr.findSampler("alpha-samp"), nullptr);
-  EXPECT_NE(mgr.findTrainer("beta-train"), nullptr);
-}
-
-TEST_F(Registry, LookupsByCapability) {
-  // Backends: alpha-gpu 0x2, alpha-host 0x5, beta-gpu 0x2; any bit matches.
-  EXPECT_EQ(mgr.findBackendByCapability(kBackendCapHost), mgr.backends[1]);
-  EXPECT_EQ(mgr.findBackendByCapability(0x3), mgr.backends[0]);
-  EXPECT_EQ(mgr.findBackendByCapability(0), nullptr);
-  EXPECT_EQ(mgr.findBackendByCapability(0x8), nullptr);
-  // The others need every bit, and skip caps of 0 even for an empty mask.
-  EXPECT_EQ(mgr.findRuntimeByCapability(0), mgr.runtimes[1]);
-  EXPECT_EQ(mgr.findRuntimeByCapability(0x6), mgr.runtimes[1]);
-  EXPECT_EQ(mgr.findRuntimeByCapability(0x7), nullptr);
-  EXPECT_EQ(mgr.findTokenizerByCapability(0x1), mgr.tokenizers[1]);
-  EXPECT_EQ(mgr.findExecByCapability(0x4), mgr.execs[0]);
-  EXPECT_EQ(mgr.findImporterByCapability(0x1), mgr.importers[0]);
-  EXPECT_EQ(mgr.findSamplerByCapability(0x9), nullptr);
-  EXPECT_EQ(mgr.findTrainerByCapability(0), mgr.trainers[0]);
-}
-
 TEST_F(Registry, CommandsAndShutdown) {
   char word[] = "fails";
   char* argv[] = {word, nullptr};
@@ -145,20 +83,6 @@ TEST_F(Registry, CommandsAndShutdown) {
   mgr.shutdown();
   EXPECT_TRUE(mgr.plugins.empty() && mgr.runtimes.empty() && mgr.backends.empty() && mgr.pluginCaps.empty());
   EXPECT_EQ(mgr.runCommand("fails", 1, argv), 4);
-}
-
-TEST(PluginManagerLoad, FrozenWarnsOnce) {
-  EnvVar p("ZAN_PLUGIN_PATH", (kPlugins + "/good").c_str());
-  PluginManager mgr;
-  mgr.loadAll();
-  EXPECT_TRUE(mgr.frozen);
-  ASSERT_EQ(mgr.plugins.size(), 2u);
-  EXPECT_EQ(mgr.pluginCaps, (std::vector<uint64_t>{0x30, 0}));
-  ::testing::internal::CaptureStderr();
-  mgr.loadAll();
-  mgr.loadAll();
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "[zan plugin] registries frozen: plugin load ignored\n");
-  EXPECT_EQ(mgr.plugins.size(), 2u);
 }
 
 }  // namespace
