@@ -57,7 +57,7 @@ fuzz: deps
 
 # zan.exe and the plugin DLLs for 64-bit Windows, cross-built with MinGW-w64
 # into $(WINDOWS) (plugins in $(WINDOWS)/plugins), with the tests.
-WINDOWS_DEPS = g++-mingw-w64-x86-64-posix wine64 xvfb xauth
+WINDOWS_DEPS = g++-mingw-w64-x86-64-posix wine64 xvfb xauth xdotool x11-apps
 windows: deps
 	@scripts/install-deps $(WINDOWS_DEPS)
 	cmake -S . -B $(WINDOWS) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DCMAKE_BUILD_TYPE=Release \

@@ -4,6 +4,8 @@
 // goes into its command line is held to a small character set first.
 #include "packages/http_get.h"
 
+#include "base/compat.h"
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -33,13 +35,6 @@ using Socket = SOCKET;
 constexpr Socket kNoSocket = INVALID_SOCKET;
 constexpr int kSendFlags = 0;
 void closeSocket(Socket s) { closesocket(s); }
-bool socketsReady() {
-  static const bool ok = [] {
-    WSADATA data;
-    return WSAStartup(MAKEWORD(2, 2), &data) == 0;
-  }();
-  return ok;
-}
 void setTimeouts(Socket s) {
   const DWORD ms = kSocketTimeoutSeconds * 1000;
   setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms);
@@ -51,12 +46,23 @@ constexpr Socket kNoSocket = -1;
 // A peer that resets the connection must fail the send, not kill zan.
 constexpr int kSendFlags = MSG_NOSIGNAL;
 void closeSocket(Socket s) { close(s); }
-bool socketsReady() { return true; }
 void setTimeouts(Socket s) {
   timeval tv{kSocketTimeoutSeconds, 0};
   setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
 }
+#endif
+
+#ifdef _WIN32
+// The shell is cmd.exe: double quotes, and Windows' own curl.exe. A "%" in
+// an address passes as it is unless "%NAME%" names a set variable.
+const char kCurl[] = "curl.exe -fsSL --max-time 120";
+const char kQuote[] = "\"";
+const char kNoErrors[] = " 2>NUL";
+#else
+const char kCurl[] = "curl -fsSL --max-time 120";
+const char kQuote[] = "'";
+const char kNoErrors[] = " 2>/dev/null";
 #endif
 
 // ASCII only, whatever the locale.
@@ -118,7 +124,7 @@ bool httpGetProg(const std::string& url, std::string& out, HttpProgressFn progre
   const std::string host = authority.substr(0, colon);
   const std::string port = colon == std::string::npos ? "80" : authority.substr(colon + 1);
 
-  if (!socketsReady()) return false;
+  if (zanCompatNetInit() != 0) return false;
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
@@ -181,9 +187,9 @@ bool curlCommandLine(const std::string& url, const std::string& header, std::str
   std::string option;
   if (!header.empty()) {
     if (!shellSafeAddress(header)) return false;
-    option = " -H '" + header + "'";
+    option = std::string(" -H ") + kQuote + header + kQuote;
   }
-  cmd = "curl -fsSL --max-time 120" + option + " '" + url + "' 2>/dev/null";
+  cmd = kCurl + option + " " + kQuote + url + kQuote + kNoErrors;
   return true;
 }
 
@@ -203,8 +209,8 @@ bool httpGetAnyH2(const std::string& url, const std::string& header1, const std:
   if (!curlCommandLine(url, "", cmd)) return false;
   std::string options;
   for (const std::string* h : {&header1, &header2})
-    if (!h->empty() && shellSafeHeader(*h)) options += " -H '" + *h + "'";
-  cmd = "curl -fsSL --max-time 120" + options + " '" + url + "' 2>/dev/null";
+    if (!h->empty() && shellSafeHeader(*h)) options += std::string(" -H ") + kQuote + *h + kQuote;
+  cmd = kCurl + options + " " + kQuote + url + kQuote + kNoErrors;
   return runCurl(cmd, out);
 }
 

@@ -103,7 +103,7 @@ def main():
     # we don't know: it runs on the GPT-2 split and says so, once.
     gguf = os.path.join(opts.work, "qwen.gguf")
     model = os.path.join(opts.work, "qwen.zan")
-    subprocess.run([opts.gguf_gen, "--out", gguf, "--type", "q4_k", "--dim", "256", "--ff", "256", "--arch", "qwen2",
+    subprocess.run(wrapper + [opts.gguf_gen, "--out", gguf, "--type", "q4_k", "--dim", "256", "--ff", "256", "--arch", "qwen2",
                     "--tokenizer", "gpt2", "--pre", "tekken", "--vocab", "400"], check=True)
     rc, _, err = zan("convert", gguf, model)
     check(rc == 0, f"qwen2: convert: {err}")

@@ -32,6 +32,9 @@ TEST(Sha256, AgreesWithSha256sum) {
     std::ofstream(dir + std::to_string(i), std::ios::binary) << bytes;
     list += " " + std::to_string(i);
   }
+#ifdef _WIN32
+  GTEST_SKIP() << "no sha256sum under wine; the published vectors above still run";
+#endif
   FILE* p = popen(("cd " + dir + " && sha256sum" + list).c_str(), "r");
   ASSERT_TRUE(p);
   std::vector<std::string> want(sizes.size());

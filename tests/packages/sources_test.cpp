@@ -68,7 +68,10 @@ TEST(Sources, LoadOrderMigrationAndStatePath) {
 
   EXPECT_EQ(tov::installedStatePath(), home + "/.zan/installed.json");
   for (auto [src, state] : {std::pair{"/etc/s.list", "/etc/installed.json"}, {"plain", "plaininstalled.json"},
-                            {"", "installed.json"}}) {
+#ifndef _WIN32  // Windows keeps no empty variables
+                            {"", "installed.json"}
+#endif
+       }) {
     setenv("ZAN_SOURCES", src, 1);
     EXPECT_EQ(tov::installedStatePath(), state);
   }

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <map>
 
+#include "tests/test_tmp.h"
+
 using tov::catalog::Catalog;
 using tov::catalog::Entry;
 

@@ -108,6 +108,14 @@ std::string scripted(const RuntimeHost& h) {
   return s;
 }
 
+// Windows' environment is UTF-16: a value that is not UTF-8 comes back with
+// U+FFFD in place of its broken end.
+#ifdef _WIN32
+#define kCutShort "\xEF\xBF\xBD"
+#else
+#define kCutShort "\xE2\x82"
+#endif
+
 TEST(UiRuntimeHost, ScriptedInputIsParsedAtConstruction) {
   const std::tuple<const char*, const char*, std::string> rows[] = {
       {"ZAN_UI_SCRIPT", "wait3;10,20;wait2;30,40", "click 10,20/3 click 30,40/2 "},
@@ -115,7 +123,7 @@ TEST(UiRuntimeHost, ScriptedInputIsParsedAtConstruction) {
       {"ZAN_UI_SCRIPT", "1,2xyz;;bad;wait-4;wait1;-3,4;wait9;", "click 1,2/0 click -3,4/1 "},
       {"ZAN_UI_KEYS", "Ctrl+a,wait4,Return", "key 0:a:2/0 key 65293::0/4 "},
       {"ZAN_UI_KEYS", "a+b,,Shift+Alt+Left,ctrl+,wait2,\xC3\xA9x,wait,\xE2\x82",
-       "key 0:a:0/0 key 0:+:0/0 key 0:b:0/0 key 65361::5/0 key 0:\xC3\xA9:0/2 key 0:x:0/0 key 0:\xE2\x82:0/0 "},
+       "key 0:a:0/0 key 0:+:0/0 key 0:b:0/0 key 65361::5/0 key 0:\xC3\xA9:0/2 key 0:x:0/0 key 0:" kCutShort ":0/0 "},
       {"ZAN_UI_KEYS", "Enter,Backspace,Delete,del", "key 65293::0/0 key 65288::0/0 key 65439::0/0 "
                                                    "key 0:d:0/0 key 0:e:0/0 key 0:l:0/0 "},
       {"ZAN_UI_DRAG", "0,0,10,-5,4", "drag 0,0+ drag 2,-1+ drag 5,-2+ drag 7,-3+ drag 10,-5+ drag 10,-5 "},
@@ -148,7 +156,11 @@ TEST(UiRuntimeHost, PollingPumpingAndAbsurdSizes) {
   RuntimeHost g;
   g.fontTried = true;
   ASSERT_TRUE(g.winOpen("t", 4, 4, 0));
+#ifdef _WIN32
+  EXPECT_EQ(g.window->backend, "win32");  // under wine there is always a display
+#else
   EXPECT_EQ(g.window->backend, "ppm");
+#endif
   g.window->impl->queue.push_back({kEventWheel, -1, 0, 0, "", 0});
   g.window->impl->queue.push_back({kEventKey, 0, 0, 0, "a", 1});
   int x = 0, y = 0;
