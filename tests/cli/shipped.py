@@ -3,16 +3,9 @@
 
     shipped.py --zan PATH --gguf-gen PATH --work DIR [--wrapper PROGRAM]
 
---wrapper runs a Windows build (zan.exe, gguf_gen.exe, the plugin DLLs)
-through wine.
-
-Runs the real zan (its directory holds plugins/) on GGUF files written by
-gguf_gen: importer list and probe, convert, info and type, and then reads
-the converted container here, independently, to check that every tensor's
-bytes, type and dims, the hyper-parameters and the tokenizer section are
-those of the GGUF file. Refusals (an unsupported tensor type, a cut file)
-must name the problem and leave no file at the destination. Also checks the
-host CPU backend's device line against this machine.
+--wrapper runs a Windows build through wine. Converts gguf_gen's files and
+checks the container here, independently, against the GGUF file; refusals
+name the problem and leave nothing behind; the host CPU backend's device line.
 """
 import argparse
 import json
