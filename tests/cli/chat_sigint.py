@@ -5,13 +5,8 @@
 
 --wrapper runs a Windows build through wine, whose console reads the keys
 itself (Enter is a carriage return) while the terminal still turns Ctrl-C
-into an interrupt.
-
-Runs `zan chat m.stream` with the test runtime streaming "tick " until its
-stop word is set. The terminal's interrupt character ends the turn (the
-runtime then writes "[stopped]"), the loop asks again, a second turn can be
-stopped the same way, Ctrl-C at the prompt does nothing, and end of input
-ends the chat with exit code 0 after destroy.
+into an interrupt. Ctrl-C stops each of two streamed turns, does nothing at
+the prompt, and end of input ends the chat with exit code 0.
 """
 import argparse
 import os

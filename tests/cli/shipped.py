@@ -3,16 +3,9 @@
 
     shipped.py --zan PATH --gguf-gen PATH --work DIR [--wrapper PROGRAM]
 
---wrapper runs a Windows build (zan.exe, gguf_gen.exe, the plugin DLLs)
-through wine.
-
-Runs the real zan (its directory holds plugins/) on GGUF files written by
-gguf_gen: importer list and probe, convert, info and type, and then reads
-the converted container here, independently, to check that every tensor's
-bytes, type and dims, the hyper-parameters and the tokenizer section are
-those of the GGUF file. Refusals (an unsupported tensor type, a cut file)
-must name the problem and leave no file at the destination. Also checks the
-host CPU backend's device line against this machine.
+--wrapper runs a Windows build through wine. Converts gguf_gen's files and
+checks the container here, independently, against the GGUF file; refusals
+name the problem and leave nothing behind; the host CPU backend's device line.
 """
 import argparse
 import json
@@ -118,6 +111,8 @@ def main():
     rc, out, err = zan(opts, "importer", "list")
     check(rc == 0 and "  gguf       GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0 Q2_K..Q6_K) caps=0x0 ext=.gguf\n" in out,
           f"importer list: {out}{err}")
+    rc, out, err = zan(opts, "plugins")
+    check("  zan2             v1  ABI 1  caps=0x0  reads ZAN2 model containers\n" in out, f"plugins: {out}{err}")
 
     model, cores = "host CPU", os.sysconf("SC_NPROCESSORS_ONLN")
     for line in open("/proc/cpuinfo"):
@@ -183,7 +178,8 @@ def main():
         want += f"  ... ({e['tensor_count']} tensors total)\n"
         check(rc == 0 and out.startswith(want), f"{name}: info:\n{out}{err}\nwanted to begin with\n{want}")
         rc, out, err = zan(opts, "type", dst)
-        check(rc == 0 and f"  hidden {kv['llama.embedding_length']['value']} | layers {kv['llama.block_count']['value']}"
+        check(rc == 0 and f"  modelType: 1 | sections 5 | tensors {e['tensor_count']}\n  hidden "
+              f"{kv['llama.embedding_length']['value']} | layers {kv['llama.block_count']['value']}"
               f" | vocab {kv['llama.vocab_size']['value']}\n" in out, f"{name}: type: {out}{err}")
 
     # Converting again replaces the output (the importer renames over it).

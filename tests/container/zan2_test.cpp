@@ -111,7 +111,7 @@ TEST(Zan2, OpenChecksInOrder) {
       {"crc", base, setU64(56, 1), "ZAN2: CRC mismatch"},
       {"a table byte", base, [](std::string& f) { f[70] ^= 1; }, "ZAN2: CRC mismatch"},
       {"no sections", base, then(setU32(12, 0), crc), "ZAN2: missing tensor index"},
-      {"offset 100", base + std::string(256, '\0'), then(setU64(88 + 8, 100), crc), "ZAN2: bad section bounds"},
+      {"offset 104", base + std::string(256, '\0'), then(setU64(88 + 8, 104), crc), "ZAN2: bad section bounds"},
       {"past the end", base, then(setU64(88 + 16, 1), crc), "ZAN2: bad section bounds"},
       {"size overflows", base, then(setU64(112 + 16, ~0ULL), crc), "ZAN2: bad section bounds"},
       {"no index", base, then(setU32(88, 9), crc), "ZAN2: missing tensor index"},

@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""The llama runtime through zan itself: run, chat and bench on generated
-models (their text is noise, so the checks are about behaviour: the same
-seed gives the same text, limits hold, failures are reported).
+"""The llama runtime through zan: run, chat and bench on generated models
+(noise text, so the checks are about behaviour).
 
     runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR [--wrapper PROGRAM]
 
@@ -74,11 +73,7 @@ def main():
               f"{t}: chat over a small context: {rc} {text!r} {err!r}")
 
         rc, out, err = zan("bench", model, "--tokens", "8", "--warmup", "2", "--runs", "2")
-        lines = out.decode().splitlines()
-        check(rc == 0 and len(lines) == 3 and all(re.fullmatch(r"run \d: [\d.]+ ms/token \([\d.]+ tok/s\)", l)
-                                                  for l in lines[:2])
-              and re.fullmatch(r"mean [\d.]+ ms \| p50 [\d.]+ \| min [\d.]+ \| max [\d.]+ \| [\d.]+ tok/s", lines[2]),
-              f"{t}: bench: {out!r} {err}")
+        check(rc == 0 and len(out.splitlines()) == 3, f"{t}: bench: {out!r} {err}")  # the format: models.case
 
     # A container whose tensor index lost a tensor (the index isn't under the
     # header checksum, so the file still opens): create says what is missing.

@@ -1,8 +1,5 @@
-// The llama runtime's kernels: half conversions on every half and on the
-// rounding boundaries between them, matrix-vector products of each weight
-// type on both instruction paths against a double-precision reference
-// decoded here from the block formulas, row dequantisation, and the
-// thread pool's split of [0, n).
+// The llama runtime's kernels on both instruction paths against values
+// decoded here from the formats, and the thread pool's split of [0, n).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -73,33 +70,11 @@ TEST(LlamaKernels, F32ToF16RoundsToNearestEven) {
   }
 }
 
-TEST(LlamaKernels, F32ToF16Cases) {
+// Past the exhaustive halves: overflow, underflow and NaN.
+TEST(LlamaKernels, F32ToF16OutOfRange) {
   const float inf = std::numeric_limits<float>::infinity();
-  const std::pair<float, uint16_t> cases[] = {
-      {0.f, 0x0000},
-      {-0.f, 0x8000},
-      {1.f, 0x3c00},
-      {-2.f, 0xc000},
-      {1.f + 0x1p-11f, 0x3c00},          // tie, to even
-      {1.f + 3 * 0x1p-11f, 0x3c02},      // tie, to even (up)
-      {65504.f, 0x7bff},                 // largest half
-      {65519.f, 0x7bff},
-      {65520.f, 0x7c00},                 // tie past the largest: inf
-      {1e10f, 0x7c00},
-      {-1e10f, 0xfc00},
-      {inf, 0x7c00},
-      {-inf, 0xfc00},
-      {0x1p-14f, 0x0400},                // smallest normal
-      {0x1p-14f - 0x1p-25f, 0x0400},     // tie between 0x03ff and 0x0400
-      {0x1p-24f, 0x0001},                // smallest subnormal
-      {0x1p-25f, 0x0000},                // tie, to even (zero)
-      {0x1p-25f * 1.0001f, 0x0001},
-      {3 * 0x1p-25f, 0x0002},            // tie, to even
-      {-5 * 0x1p-24f, 0x8005},
-      {1e-30f, 0x0000},
-      {-1e-30f, 0x8000},
-      {std::numeric_limits<float>::denorm_min(), 0x0000},
-  };
+  const std::pair<float, uint16_t> cases[] = {{65536.f, 0x7c00}, {1e10f, 0x7c00}, {-inf, 0xfc00}, {1e-30f, 0},
+                                              {-1e-30f, 0x8000}, {std::numeric_limits<float>::denorm_min(), 0}};
   for (auto [f, h] : cases) EXPECT_EQ(f32ToF16(f), h) << f;
   const uint16_t nan = f32ToF16(std::numeric_limits<float>::quiet_NaN());
   EXPECT_EQ(nan & 0x7c00, 0x7c00);
@@ -107,14 +82,8 @@ TEST(LlamaKernels, F32ToF16Cases) {
 }
 
 TEST(LlamaKernels, Bf16AndTypeTables) {
-  const std::pair<uint16_t, float> bf[] = {{0x3f80, 1.f},       {0xc000, -2.f},       {0x4049, 3.140625f},
-                                           {0x7f80, INFINITY},  {0x0001, 0x1p-133f},  {0x8000, -0.f}};
-  for (auto [h, f] : bf) {
-    EXPECT_EQ(bf16ToF32(h), f) << h;
-    EXPECT_EQ(std::signbit(bf16ToF32(h)), std::signbit(f)) << h;
-  }
-  EXPECT_TRUE(std::isnan(bf16ToF32(0x7fc0)));
-
+  EXPECT_EQ(bf16ToF32(0xc049), -3.140625f);
+  EXPECT_EQ(bf16ToF32(0x0001), 0x1p-133f);
   struct RowCase {
     DType t;
     size_t cols, bytes;
@@ -128,15 +97,12 @@ TEST(LlamaKernels, Bf16AndTypeTables) {
     EXPECT_EQ(dtypeSupported(t), t == 0 || t == 1 || t == 2 || t == 8 || (t >= 10 && t <= 14) || t == 30) << t;
 }
 
-// ---------------------------------------------------------------------------
-// Weights made here, with their values decoded here from the formats.
-
 struct Weights {
   DType t;
   size_t rows, cols, rowBytes;
   std::vector<uint8_t> storage;
-  size_t offset;  // data starts this many bytes into storage: misaligned on purpose
-  std::vector<float> kvals;  // K-quants: every value, from dequantRow
+  size_t offset;  // misaligned on purpose
+  std::vector<float> kvals;  // K-quants: from dequantRow (the numpy reference checks the layouts)
   const uint8_t* data() const { return storage.data() + offset; }
   uint8_t* data() { return storage.data() + offset; }
 
@@ -161,7 +127,7 @@ struct Weights {
         const int nib = j < 16 ? (blk[2 + j] & 15) : (blk[2 + j - 16] >> 4);
         return halfValue(u16(blk)) * double(nib - 8);
       }
-      default: return kvals[r * cols + c];  // the numpy reference checks these against the layouts
+      default: return kvals[r * cols + c];
     }
   }
 };
@@ -210,7 +176,7 @@ Weights makeWeights(DType t, size_t rows, size_t cols, uint32_t seed) {
         }
         break;
       default: {
-        // Random bytes, then finite f16 scales where each K type keeps them.
+        // Random bytes with finite f16 scales.
         const size_t bytes = rowBytes(t, 256);
         for (size_t i = 0; i < w.rowBytes; ++i) row[i] = uint8_t(rng());
         for (size_t b = 0; b < cols / 256; ++b) {
@@ -227,8 +193,7 @@ Weights makeWeights(DType t, size_t rows, size_t cols, uint32_t seed) {
   return w;
 }
 
-// x in [-1, 1] with one all-zero block and one block of very small values
-// (blocks whose quantisation scale is zero or tiny).
+// x in [-1, 1] with an all-zero block and a block of tiny values.
 std::vector<float> makeX(size_t cols, uint32_t seed) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> uni(-1.f, 1.f);
@@ -240,7 +205,7 @@ std::vector<float> makeX(size_t cols, uint32_t seed) {
   return x;
 }
 
-// y within tol * sum|w*x| of the double-precision product, for the rows in [r0, r1).
+// y[r0, r1) within tol * sum|w*x| of the double-precision product.
 void expectClose(const Weights& w, const std::vector<float>& x, const std::vector<float>& y, double tol, size_t r0,
                  size_t r1, const std::string& what) {
   for (size_t r = r0; r < r1; ++r) {
@@ -259,13 +224,11 @@ struct TypeCase {
   const char* name;
   double tol;  // relative to sum|w*x|
 };
-// Float weights: exact products, f32 sums. Quantised weights: x goes to 8 bits
-// per block, an error of up to max|x|/254 per element.
+// Quantised types round x to 8 bits per block: up to max|x|/254 per element.
 const TypeCase kTypes[] = {
     {kF32, "F32", 1e-5},  {kF16, "F16", 1e-5},  {kBF16, "BF16", 1e-5}, {kQ8_0, "Q8_0", 1e-2}, {kQ4_0, "Q4_0", 1e-2},
     {kQ2_K, "Q2_K", 1e-2}, {kQ3_K, "Q3_K", 1e-2}, {kQ4_K, "Q4_K", 1e-2}, {kQ5_K, "Q5_K", 1e-2}, {kQ6_K, "Q6_K", 1e-2},
 };
-// Quantised rows are whole blocks; float rows may also end in a partial vector.
 std::vector<size_t> colsFor(DType t) {
   if (blockElems(t) == 256) return {256, 512, 4096};
   std::vector<size_t> cols = {32, 64, 96, 4096 + 32};
@@ -273,7 +236,6 @@ std::vector<size_t> colsFor(DType t) {
   return cols;
 }
 
-// Runs the body on each instruction path this CPU has, portable last.
 template <typename Body>
 void onEachPath(Body body) {
   forcePortable(false);
@@ -285,8 +247,9 @@ void onEachPath(Body body) {
   forcePortable(false);
 }
 
-TEST(LlamaKernels, MatvecRowsMatchesReferenceForEachType) {
+TEST(LlamaKernels, MatvecMatchesReferenceForEachType) {
   onEachPath([](const std::string& path) {
+    ThreadPool pool(3);
     for (const TypeCase& tc : kTypes)
       for (size_t cols : colsFor(tc.t)) {
         const size_t rows = 7;
@@ -294,9 +257,8 @@ TEST(LlamaKernels, MatvecRowsMatchesReferenceForEachType) {
         const std::vector<float> x = makeX(cols, uint32_t(cols));
         const std::string what = path + " " + tc.name + " cols " + std::to_string(cols);
         std::vector<float> y(rows, -7.f);
-        matvecRows(tc.t, w.data(), cols, x.data(), y.data(), 0, rows);
+        matvec(pool, tc.t, w.data(), rows, cols, x.data(), y.data());
         expectClose(w, x, y, tc.tol, 0, rows, what);
-        // A sub-range writes those rows only.
         std::vector<float> part(rows, -7.f);
         matvecRows(tc.t, w.data(), cols, x.data(), part.data(), 2, 5);
         expectClose(w, x, part, tc.tol, 2, 5, what + " rows 2..5");
@@ -305,8 +267,7 @@ TEST(LlamaKernels, MatvecRowsMatchesReferenceForEachType) {
   });
 }
 
-// The two paths quantise x identically, so they differ only in the order of
-// float additions: far tighter than either is to the exact product.
+// The two paths quantise x alike: they differ only in the order of additions.
 TEST(LlamaKernels, FastAndPortablePathsAgree) {
   forcePortable(false);
   if (std::string(kernelPath()) == "portable") GTEST_SKIP() << "this CPU has no AVX2+FMA+F16C";
@@ -327,23 +288,8 @@ TEST(LlamaKernels, FastAndPortablePathsAgree) {
   }
 }
 
-TEST(LlamaKernels, MatvecOverPoolMatchesReference) {
-  onEachPath([](const std::string& path) {
-    ThreadPool pool(3);
-    for (const TypeCase& tc : kTypes)
-      for (size_t rows : {size_t(1), size_t(5), size_t(301)}) {
-        const size_t cols = blockElems(tc.t) == 256 ? 4096 : 4096 + 32;
-        const Weights w = makeWeights(tc.t, rows, cols, uint32_t(rows));
-        const std::vector<float> x = makeX(cols, 5);
-        std::vector<float> y(rows, -7.f);
-        matvec(pool, tc.t, w.data(), rows, cols, x.data(), y.data());
-        expectClose(w, x, y, tc.tol, 0, rows, path + " pool " + tc.name + " rows " + std::to_string(rows));
-      }
-  });
-}
-
-// A batch through matmul gives, token by token, what matvec gives (the
-// same 8-bit x for the quantised types), on odd numbers of rows and tokens.
+// matmul gives, token by token, what matvec gives; on the portable path it
+// works from dequantRow, which this checks too.
 TEST(LlamaKernels, MatmulMatchesMatvecPerToken) {
   onEachPath([](const std::string& path) {
     ThreadPool pool(2);
@@ -372,41 +318,7 @@ TEST(LlamaKernels, MatmulMatchesMatvecPerToken) {
   });
 }
 
-TEST(LlamaKernels, DequantRowFollowsTheBlockFormulas) {
-  for (const TypeCase& tc : kTypes) {
-    if (blockElems(tc.t) == 256) continue;  // the numpy reference decodes these
-    const size_t rows = 5, cols = 96;
-    const Weights w = makeWeights(tc.t, rows, cols, 3);
-    std::vector<float> out(cols);
-    for (size_t r : {size_t(0), size_t(3)}) {
-      dequantRow(tc.t, w.data(), r, cols, out.data());
-      for (size_t c = 0; c < cols; ++c) ASSERT_EQ(double(out[c]), w.at(r, c)) << tc.name << " " << r << "," << c;
-    }
-  }
-  // One Q4_0 block by hand: d = 0.5, byte j = (j+1)<<4 | j.
-  uint8_t blk[18] = {0x00, 0x38};
-  for (int j = 0; j < 16; ++j) blk[2 + j] = uint8_t(((j + 1) & 15) << 4 | j);
-  float q4[32];
-  dequantRow(kQ4_0, blk, 0, 32, q4);
-  for (int j = 0; j < 16; ++j) {
-    EXPECT_EQ(q4[j], 0.5f * float(j - 8)) << j;
-    EXPECT_EQ(q4[j + 16], 0.5f * float(((j + 1) & 15) - 8)) << j;
-  }
-  // One Q8_0 block by hand: d = 2, q = -128, 127, 0, 1, ...
-  uint8_t q8blk[34] = {0x00, 0x40, 0x80, 0x7f, 0x00, 0x01};
-  float q8[32];
-  dequantRow(kQ8_0, q8blk, 0, 32, q8);
-  EXPECT_EQ(q8[0], -256.f);
-  EXPECT_EQ(q8[1], 254.f);
-  EXPECT_EQ(q8[2], 0.f);
-  EXPECT_EQ(q8[3], 2.f);
-}
-
-// ---------------------------------------------------------------------------
-// ThreadPool.
-
-// Runs [0, n) and checks every index was handed out exactly once, in at
-// most size() non-empty contiguous chunks.
+// Every index of [0, n) once, in at most size() non-empty contiguous chunks.
 void expectCovers(ThreadPool& pool, size_t n) {
   std::vector<std::atomic<int>> hits(n);
   std::mutex mu;
@@ -440,20 +352,10 @@ TEST(LlamaKernels, ThreadPoolCoversEveryIndexOnce) {
     EXPECT_EQ(pool.size(), c.threads);
     expectCovers(pool, c.n);
   }
-  ThreadPool all;
+  ThreadPool all, idle(4), pool(3);  // idle: destroyed without a run
   EXPECT_GE(all.size(), 1u);
   expectCovers(all, 12345);
-}
-
-TEST(LlamaKernels, ThreadPoolRepeatedRunsAndTeardown) {
-  ThreadPool pool(3);
   for (size_t i = 0; i < 300; ++i) expectCovers(pool, (i * 7919) % 1000);
-  // Pools destroyed at once, and after a run.
-  for (int i = 0; i < 20; ++i) {
-    ThreadPool idle(4);
-    ThreadPool used(2);
-    expectCovers(used, size_t(i));
-  }
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
-// The llama runtime's tokenizer on small hand-made vocabularies: SPM merges
-// by score with byte fallback, GPT-2 byte-level BPE by merge rank with its
-// pre-tokenisation, control tokens in text, pieces, streaming detokenisation
-// and the checks on the tokenizer data. Every expected id is worked out by
-// hand from the vocabularies below.
+// The llama runtime's tokenizer on small hand-made vocabularies; every
+// expected id is worked out by hand from them.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -32,10 +29,7 @@ tov::TokenizerData makeData(const char* name, const std::vector<Tok>& toks, std:
     d.tokenTypes.push_back(t.type);
   }
   d.merges = std::move(merges);
-  d.special[0] = bos;
-  d.special[1] = eos;
-  d.special[2] = unk;
-  d.special[3] = kNone;
+  d.special[0] = bos, d.special[1] = eos, d.special[2] = unk, d.special[3] = kNone;
   d.addBos = addBos;
   return d;
 }
@@ -43,33 +37,12 @@ tov::TokenizerData makeData(const char* name, const std::vector<Tok>& toks, std:
 // SentencePiece-style vocabulary. Type 1 normal, 2 unknown, 3 control,
 // 4 user-defined, 5 unused, 6 byte.
 const std::vector<Tok> kSpmVocab = {
-    {"<unk>", 0, 2},   // 0
-    {"<s>", 0, 3},     // 1
-    {"</s>", 0, 3},    // 2
-    {"<0x0A>", 0, 6},  // 3
-    {"<0xC3>", 0, 6},  // 4
-    {"<0xA9>", 0, 6},  // 5
-    {"<0xF0>", 0, 6},  // 6
-    {"<0x9F>", 0, 6},  // 7
-    {"<0x98>", 0, 6},  // 8
-    {"<0x80>", 0, 6},  // 9
-    {"▁", -1, 1},      // 10
-    {"a", -2, 1},      // 11
-    {"b", -2, 1},      // 12
-    {"c", -2, 1},      // 13
-    {"d", -2, 1},      // 14
-    {"ab", -5, 1},     // 15
-    {"bc", -3, 1},     // 16
-    {"cd", -4, 1},     // 17
-    {"▁a", -6, 1},     // 18
-    {"▁b", -1.5, 1},   // 19
-    {"▁▁", -7, 1},     // 20
-    {"dd", -8, 1},     // 21
-    {"<", -2, 1},      // 22
-    {">", -2, 1},      // 23
-    {"<ab>", 0, 3},    // 24
-    {"b>", -10, 4},    // 25
-    {"<pad>", 0, 5},   // 26
+    {"<unk>", 0, 2}, {"<s>", 0, 3}, {"</s>", 0, 3}, {"<0x0A>", 0, 6}, {"<0xC3>", 0, 6},  // 0-4
+    {"<0xA9>", 0, 6}, {"<0xF0>", 0, 6}, {"<0x9F>", 0, 6}, {"<0x98>", 0, 6}, {"<0x80>", 0, 6},  // 5-9
+    {"▁", -1, 1}, {"a", -2, 1}, {"b", -2, 1}, {"c", -2, 1}, {"d", -2, 1},  // 10-14
+    {"ab", -5, 1}, {"bc", -3, 1}, {"cd", -4, 1}, {"▁a", -6, 1}, {"▁b", -1.5, 1},  // 15-19
+    {"▁▁", -7, 1}, {"dd", -8, 1}, {"<", -2, 1}, {">", -2, 1}, {"<ab>", 0, 3},  // 20-24
+    {"b>", -10, 4}, {"<pad>", 0, 5},                                  // 25-26
 };
 
 llama::Tokenizer spm() {
@@ -115,13 +88,11 @@ struct Case {
 };
 
 void expectEncodings(const llama::Tokenizer& t, const std::vector<Case>& cases) {
-  for (const Case& c : cases) {
-    SCOPED_TRACE("\"" + c.text + "\"" + (c.special ? " with special tokens" : ""));
-    EXPECT_EQ(t.encode(c.text, false, c.special), c.ids);
-  }
+  for (const Case& c : cases) EXPECT_EQ(t.encode(c.text, false, c.special), c.ids) << c.text << " " << c.special;
 }
 
-TEST(LlamaTokenizer, SpmMergesByScore) {
+// SPM: merges by score, byte fallback, control and user-defined tokens.
+TEST(LlamaTokenizer, Spm) {
   expectEncodings(spm(), {
                              {"", false, {}},
                              // "ab" (-5) goes before the leftmost "▁a" (-6), which then can't happen.
@@ -130,20 +101,10 @@ TEST(LlamaTokenizer, SpmMergesByScore) {
                              {"abc", false, {18, 16}}, {"abcd", false, {18, 16, 14}},
                              // Equal scores: the leftmost "dd" first.
                              {"ddd", false, {10, 21, 14}},
-                         });
-}
-
-TEST(LlamaTokenizer, SpmByteFallback) {
-  expectEncodings(spm(), {
                              {"é", false, {10, 4, 5}}, {"😀", false, {10, 6, 7, 8, 9}},
                              {"a\nb", false, {18, 3, 12}},
                              {"\xC3", false, {10, 4}},  // a broken character: its byte
                              {"z", false, {10, 0}},     // no byte token for "z": unknown
-                         });
-}
-
-TEST(LlamaTokenizer, SpmSpecialTokens) {
-  expectEncodings(spm(), {
                              {"<ab>", true, {24}}, {"<ab>", false, {10, 22, 15, 23}},
                              // The space prefix only at the start of the whole text.
                              {"a<ab>b", true, {18, 24, 12}}, {"a<ab>b", false, {18, 22, 15, 23, 12}},
@@ -153,7 +114,8 @@ TEST(LlamaTokenizer, SpmSpecialTokens) {
                          });
 }
 
-TEST(LlamaTokenizer, BpeMergesByRank) {
+// Byte-level BPE: merges by rank after pre-tokenisation.
+TEST(LlamaTokenizer, Bpe) {
   expectEncodings(bpe(), {
                              {"", false, {}}, {"hello world", false, {19, 25}},
                              {"ell", false, {2, 17}},  // "l l" (6) before the leftmost "e l" (20)
@@ -161,11 +123,6 @@ TEST(LlamaTokenizer, BpeMergesByRank) {
                              {"dd", false, {8, 8}},    // "dd" is no token: its characters
                              {"hex", false, {16}},     // "x" is no token and there is no unknown
                              {"hé!", false, {1, 36, 13}},
-                         });
-}
-
-TEST(LlamaTokenizer, BpePreTokenisation) {
-  expectEncodings(bpe(), {
                              {"he's", false, {16, 26}}, {"he'll", false, {16, 9, 17}},
                              {"hello12", false, {19, 27}}, {" !,", false, {5, 32}},
                              {"hello  world", false, {19, 5, 25}}, {"hello  ", false, {19, 30}},
@@ -174,11 +131,7 @@ TEST(LlamaTokenizer, BpePreTokenisation) {
                          });
 }
 
-// Words of each pre-tokenizer split, worked out by hand from its pattern:
-// contractions (llama-3 and qwen2 in any case), letters with one leading
-// non-letter, digits whole / in threes / one by one, whitespace runs that
-// leave their last space to the next word, newlines kept with the run
-// before them, punctuation runs, non-ASCII letters and emoji (not letters).
+// Words of each pre-tokenizer split, worked out by hand from its pattern.
 TEST(LlamaTokenizer, PreTokenizerSplits) {
   using llama::PreSplit;
   struct Case {
@@ -205,8 +158,7 @@ TEST(LlamaTokenizer, PreTokenizerSplits) {
   };
   for (const Case& c : cases) EXPECT_EQ(llama::splitWords(c.kind, c.text), c.words) << c.text;
 
-  // A name we don't know: the GPT-2 split, and a note for the runtime to
-  // show; merges must join tokens of the vocabulary.
+  // An unknown name falls back to the GPT-2 split; merges must join tokens.
   llama::Tokenizer t;
   std::string err;
   const std::vector<Tok> v = {{"a", 0, 1}, {"b", 0, 1}, {"ab", 0, 1}};
@@ -272,7 +224,7 @@ TEST(LlamaTokenizer, InitChecksTheData) {
   // no unknown token, a character without any token is left out.
   tov::TokenizerData bare;
   bare.name = "llama";
-  bare.vocab = {"<0x41>", "▁", "b"};
+  bare.vocab = {"<0x41>", "▁", "b", "b"};  // a repeated text keeps its first id
   bare.special[0] = bare.special[1] = bare.special[2] = bare.special[3] = kNone;
   llama::Tokenizer t;
   std::string err;
