@@ -1,151 +1,95 @@
 #!/usr/bin/env python3
-"""`zan build`, through the real zan with the shipped plugins beside it, and
-the counter example it compiles, run headless with scripted clicks.
+"""`zan build` through the real zan and shipped plugins: each output form is
+read back (a .zanb and .zan run, a .zana is the listing); compile errors exit 1
+and leave no file; the counter example's dumped frames react to clicks.
+    build_cli.py --zan PATH --examples DIR --work DIR [--wrapper wine]"""
+import glob, os, shutil, sys
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, check, finish, run
 
-    build_cli.py --zan PATH --examples DIR --work DIR
-
-Each output form is checked by what reads it back: a .zanb runs, a .zana
-listing is the disassembler's text, a .zan app container runs and
-shows its entry in appinfo. A compile error names the file and the
-compiler's line message, exits 1 and leaves no file behind. The counter's
-dumped frames show its colours where it draws them, and the label after "+"
-then "-" is again the one it started with.
-"""
-import argparse
-import glob
-import os
-import shutil
-import subprocess
-import sys
-
-failures = []
 PROG = 'let greeting = "built"\nfunc main\n  print greeting\n  exit 6 * 7\n'
-USAGE_HEAD = "usage: zan build"
+WORK = opts["--work"]
 
 
-def check(cond, what):
-    if not cond:
-        failures.append(what)
-    return cond
-
-
-def zan(opts, *args, env=None):
-    env = dict(env or {}, PATH=os.environ.get("PATH", "/usr/bin:/bin"), HOME=opts.work)
+def zan(*args, env=None):
+    env = dict(env or {}, PATH=os.environ.get("PATH", "/usr/bin:/bin"), HOME=WORK)
     env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")})
-    r = subprocess.run(([opts.wrapper] if opts.wrapper else []) + [opts.zan] + list(args), capture_output=True, env=env, cwd=opts.work, timeout=60)
-    return r.returncode, r.stdout.decode("utf-8", "replace"), r.stderr.decode("utf-8", "replace")
+    wrapper = [opts["--wrapper"]] if opts.get("--wrapper") else []
+    return run(wrapper + [opts["--zan"], *args], env=env, cwd=WORK)
 
 
-def write(opts, name, text):
-    path = os.path.join(opts.work, name)
+def write(name, text):
+    path = os.path.join(WORK, name)
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.write(text.encode() if isinstance(text, str) else text)
+    open(path, "w").write(text)
 
 
-def read_ppm(path):
-    parts = open(path, "rb").read().split(maxsplit=4)
-    w, h = int(parts[1]), int(parts[2])
-    return w, h, parts[4][: w * h * 3]
-
-
-def pixel(frame, x, y):
-    i = (y * frame[0] + x) * 3
-    return int.from_bytes(frame[2][i:i + 3], "big")
-
-
-def region(frame, x0, y0, x1, y1):
-    return [pixel(frame, x, y) for y in range(y0, y1) for x in range(x0, x1)]
-
-
-def counter_frames(opts):
-    rc, out, err = zan(opts, "build", os.path.join(opts.examples, "counter.zs"), "-o", "counter.zan")
+def counter_frames():
+    rc, out, err = zan("build", os.path.join(opts["--examples"], "counter.zs"), "-o", "counter.zan")
     check(rc == 0, f"build counter: {rc} {err!r}")
     for f in glob.glob("/tmp/zan-ui-frame-*.ppm"):
         os.remove(f)
-    rc, out, err = zan(opts, "run", "counter.zan", env={"ZAN_UI_DUMP": "1", "ZAN_UI_EXIT_AFTER": "6",
-                                                        "ZAN_UI_SCRIPT": "wait2;230,150;wait2;60,140"})
+    rc, out, err = zan("run", "counter.zan", env={"ZAN_UI_DUMP": "1", "ZAN_UI_EXIT_AFTER": "6",
+                                                  "ZAN_UI_SCRIPT": "wait2;230,150;wait2;60,140"})
     check(rc == 0, f"run counter: {rc} {err!r}")
-    frames = [read_ppm(p) for p in sorted(glob.glob("/tmp/zan-ui-frame-*.ppm"))]
+    frames = []
+    for p in sorted(glob.glob("/tmp/zan-ui-frame-*.ppm")):
+        parts = open(p, "rb").read().split(maxsplit=4)
+        frames.append((int(parts[1]), int(parts[2]), parts[4]))
     if not check(len(frames) == 6, f"{len(frames)} frames, want 6"):
         return
+    px = lambda f, x, y: int.from_bytes(f[2][(y * f[0] + x) * 3:][:3], "big")
+    label = lambda f: [px(f, x, y) for y in range(30, 110) for x in range(200, 320)]  # the number
     f0, f2, f4 = frames[0], frames[2], frames[4]
     check(f0[:2] == (320, 200), f"size {f0[:2]}")
-    for what, x, y, want in [("background", 5, 5, 0x1E2430), ("minus", 35, 125, 0xC0504D),
-                             ("plus", 285, 170, 0x4F9D5D)]:
-        check(pixel(f4, x, y) == want, f"{what} at {x},{y}: {pixel(f4, x, y):06x}, want {want:06x}")
-    label = (200, 30, 320, 110)  # where the number is drawn
-    check(len(set(region(f0, *label))) > 1, "no number drawn")
-    check(region(f0, *label) == region(f4, *label), "the label after + and - differs from the first one")
-    check(region(f0, *label) != region(f2, *label), "the label did not change after the click on +")
+    for what, x, y, want in [("background", 5, 5, 0x1E2430), ("minus", 35, 125, 0xC0504D), ("plus", 285, 170, 0x4F9D5D)]:
+        check(px(f4, x, y) == want, f"{what} at {x},{y}: {px(f4, x, y):06x}, want {want:06x}")
+    check(len(set(label(f0))) > 1, "no number drawn")
+    check(label(f0) == label(f4), "the label after + and - differs from the first one")
+    check(label(f0) != label(f2), "the label did not change after the click on +")
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--examples", required=True)
-    ap.add_argument("--work", required=True)
-    ap.add_argument("--wrapper", default="", help="runs a Windows build (wine)")
-    opts = ap.parse_args()
-    shutil.rmtree(opts.work, ignore_errors=True)
-    os.makedirs(opts.work)
-    write(opts, "prog.zs", PROG)
-
-    rc, out, err = zan(opts, "build")
-    check(rc == 2 and out == "" and err.startswith(USAGE_HEAD), f"no argument: {rc} {err!r}")
-    rc, out, err = zan(opts, "build", "-h")
-    check(rc == 0 and err == "" and out.startswith(USAGE_HEAD), f"-h: {rc} {out!r}")
-
+    shutil.rmtree(WORK, ignore_errors=True)
+    write("prog.zs", PROG)
+    rc, out, err = zan("build")
+    check(rc == 2 and out == "" and err.startswith("usage: zan build"), f"no argument: {rc} {err!r}")
     for name in ("prog.zanb", "prog.zana", "out.zan"):
-        rc, out, err = zan(opts, "build", "prog.zs", "-o", name)
-        check((rc, out, err) == (0, "", ""), f"build -o {name}: {rc} {out!r} {err!r}")
-        if name.endswith(".zana"):
-            continue  # a listing starts with "ZANB", which run takes for the binary magic
-        rc, out, err = zan(opts, "run", name)
-        check((rc, out, err) == (42, "built\n", ""), f"run {name}: {rc} {out!r} {err!r}")
-    listing = open(os.path.join(opts.work, "prog.zana")).read()
-    check(listing.startswith("ZANB v1: funcs=1 globals=0 data=8B code=15 insn entry=0 mem=1..1 pages\n"), f"listing head: {listing[:80]!r}")
-    check("func 0 main params=0 rets=1 slots=" in listing, "listing names main")
-
-    # Without -o: the base name with .zan, in the current directory.
-    rc, out, err = zan(opts, "build", "prog.zs")
-    check(rc == 0 and os.path.exists(os.path.join(opts.work, "prog.zan")), f"default output: {rc} {err!r}")
-    rc, out, err = zan(opts, "appinfo", "prog.zan")
+        got = zan("build", "prog.zs", "-o", name)
+        check(got == (0, "", ""), f"build -o {name}: {got}")
+        if not name.endswith(".zana"):  # a listing starts with "ZANB", the binary magic
+            got = zan("run", name)
+            check(got == (42, "built\n", ""), f"run {name}: {got}")
+    listing = open(os.path.join(WORK, "prog.zana")).read()
+    check(listing.startswith("ZANB v1: funcs=1 globals=0 data=8B code=15 insn entry=0 mem=1..1 pages\n"),
+          f"listing head: {listing[:80]!r}")
+    # Without -o: the base name with .zan, here; a directory packs its assets beside main.zs.
+    rc, out, err = zan("build", "prog.zs")
+    rc, out, err = zan("appinfo", "prog.zan")
     check(rc == 0 and "entry:    prog.zanb" in out and "platform: zanb" in out, f"appinfo: {out!r}")
-
-    # A directory: main.zs compiled, the assets packed beside it.
-    write(opts, "app/main.zs", PROG)
-    write(opts, "app/assets/data.txt", "asset\n")
-    rc, out, err = zan(opts, "build", "app")
-    check((rc, err) == (0, ""), f"build app: {rc} {err!r}")
-    rc, out, err = zan(opts, "appinfo", "app.zan")
+    write("app/main.zs", PROG)
+    write("app/assets/data.txt", "asset\n")
+    check(zan("build", "app")[::2] == (0, ""), "build app")
+    rc, out, err = zan("appinfo", "app.zan")
     check("entry:    main.zanb" in out and "files:    2" in out, f"app appinfo: {out!r}")
-    rc, out, err = zan(opts, "run", "app.zan")
-    check((rc, out) == (42, "built\n"), f"run app.zan: {rc} {out!r} {err!r}")
+    check(zan("run", "app.zan")[:2] == (42, "built\n"), "run app.zan")
 
-    # Compile errors: one line, exit 1, nothing written (not even the temporary).
-    write(opts, "bad.zs", "func main\n  exit 1 +\n")
+    write("bad.zs", "func main\n  exit 1 +\n")
     for name in ("bad.zanb", "bad.zana", "bad.zan"):
-        rc, out, err = zan(opts, "build", "bad.zs", "-o", name)
-        check((rc, out, err) == (1, "", "zan build: bad.zs: line 2: expression expected\n"),
-              f"bad -o {name}: {rc} {out!r} {err!r}")
-        check(not os.path.exists(os.path.join(opts.work, name)), f"{name} left behind")
-        check(not os.path.exists(os.path.join(opts.work, name + ".tmp")), f"{name}.tmp left behind")
-    write(opts, "empty.zs", "")
-    rc, out, err = zan(opts, "build", "empty.zs", "-o", "e.zanb")
-    check((rc, err) == (1, "zan build: empty.zs: no func in the source\n"), f"empty: {rc} {err!r}")
-    rc, out, err = zan(opts, "build", "missing.zs")
-    check((rc, err) == (1, "zan build: cannot read missing.zs\n"), f"missing: {rc} {err!r}")
-    rc, out, err = zan(opts, "build", "prog.zs", "-o", "prog.txt")
-    check(rc == 2 and "must end in .zanb, .zana or .zan" in err, f"bad suffix: {rc} {err!r}")
-
-    if opts.wrapper:
+        got = zan("build", "bad.zs", "-o", name)
+        check(got == (1, "", "zan build: bad.zs: line 2: expression expected\n"), f"bad -o {name}: {got}")
+        check(not glob.glob(os.path.join(WORK, name + "*")), f"{name} or its .tmp left behind")
+    write("empty.zs", "")
+    for args, want in [(("empty.zs", "-o", "e.zanb"), (1, "zan build: empty.zs: no func in the source\n")),
+                       (("missing.zs",), (1, "zan build: cannot read missing.zs\n")),
+                       (("prog.zs", "-o", "prog.txt"), (2, "zan build: prog.txt: the output must end in .zanb, .zana or .zan\n"))]:
+        got = zan("build", *args)[::2]
+        check(got[0] == want[0] and want[1] in got[1], f"build {args}: {got}")
+    if opts.get("--wrapper"):
         print("SKIPPED counter frames: under wine the window is a real Win32 one, which dumps no frames")
     else:
-        counter_frames(opts)
-    for f in failures:
-        print("FAIL:", f)
-    return 1 if failures else 0
+        counter_frames()
+    return finish()
 
 
 if __name__ == "__main__":

@@ -1,22 +1,8 @@
 #!/usr/bin/env python3
-"""The X11 window for real: a program run by `zan run` on a private Xvfb
-draws and presents; the window's pixels, read back with xwd, must be the
-canvas worked out here; clicks, wheel steps and keys sent with xdotool must
-come back to the program as the events it prints; closing the window ends
-its loop.
-
-    x11_window.py --zan PATH --work DIR
-
-Skipped, with a line saying so, only when Xvfb, xdotool or xwd is missing.
-"""
-
-import argparse
-import gzip
-import os
-import shutil
-import struct
-import subprocess
-import sys
+"""The window for real on a private Xvfb: pixels read back with xwd, input
+sent with xdotool comes back as the events the program prints, close ends it.
+    x11_window.py --zan PATH --work DIR [--keys PROBE] [--wrapper wine]"""
+import argparse, gzip, os, shutil, struct, subprocess, sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from run_window import Canvas, font_bytes  # noqa: E402
@@ -29,8 +15,7 @@ READY = 7777
 
 
 def program():
-    """Draws one frame, prints READY, then prints "kind x y" for every event
-    until winPump says stop, then the kind of one more poll, and -1."""
+    """One frame, READY, "kind x y" per event until winPump stops, one more poll's kind, -1."""
     p = Prog()
     p.string(100, TITLE)
     p.string(120, "Ok")
@@ -64,17 +49,7 @@ def program():
     return p
 
 
-def expected_canvas():
-    """As shown: alpha has no effect on the screen."""
-    c = Canvas(0xFF203040)
-    c.fill(1, 1, 4, 3, 0xFFFF0000)
-    c.fill(8, 3, 9, 9, 0xFF0000FF)
-    c.text(2, 4, "Ok", 0xFFFFFF00)
-    return c.px
-
-
 def xwd_pixels(data):
-    """Width, height and 0xFFRRGGBB words of a 32-bit ZPixmap XWD dump."""
     f = struct.unpack(">25I", data[:100])
     assert f[11] == 32, f"xwd: {f[11]} bits per pixel"
     order, masks = "<>"[f[7]] + "I", f[14:17]
@@ -89,16 +64,13 @@ def xwd_pixels(data):
 
 
 def events_until(values, last):
-    """(kind, x, y) triples the program printed, up to `last`."""
     got = []
     while not got or got[-1] != last:
         got.append((next(values), next(values), next(values)))
     return got
 
 
-# Keys the window layer knows, with and without modifiers, then keys it
-# drops (F1, a modifier alone, Ctrl+c): "kind key mods text" as the probe
-# prints them.
+# Known keys, with modifiers, then dropped ones; as the probe prints them.
 KEYS = ["BackSpace", "Tab", "Return", "Escape", "Home", "Left", "Up", "Right", "Down", "End", "Delete",
         "shift+Left", "ctrl+Home", "alt+End", "a", "shift+b", "F1", "Shift_L", "ctrl+c"]
 KEY_EVENTS = [f"2 {k} 0 -" for k in (0xFF08, 0xFF09, 0xFF0D, 0xFF1B, 0xFF50, 0xFF51, 0xFF52, 0xFF53, 0xFF54,
@@ -106,7 +78,6 @@ KEY_EVENTS = [f"2 {k} 0 -" for k in (0xFF08, 0xFF09, 0xFF0D, 0xFF1B, 0xFF50, 0xF
 
 
 def key_codes(probe, wrapper, env, xdo):
-    """The key events of a real window, read from the probe's own window."""
     app = subprocess.Popen(wrapper + [probe], env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     try:
         lines = (line.decode().rstrip("\n") for line in app.stdout)
@@ -138,9 +109,8 @@ def main():
         print(f"SKIPPED: {' '.join(missing)} not installed (scripts/install-deps installs them)")
         return 0
     os.makedirs(args.work, exist_ok=True)
-    if args.wrapper:  # Windows makes a window no narrower than its title bar needs
+    if args.wrapper:  # Windows: a minimum width, and no gzip for the font
         run_window.W, run_window.H = 160, 48
-    # Windows has no gzip to unpack a font with.
     font = os.path.join(args.work, "font.psf" if args.wrapper else "font.psf.gz")
     with (open if args.wrapper else gzip.open)(font, "wb") as f:
         f.write(font_bytes())
@@ -148,8 +118,7 @@ def main():
     with open(prog, "w") as f:
         f.write(program().text())
 
-    # Xvfb picks a free display and writes its number once it accepts
-    # clients; the read waits for that (ctest's timeout guards every wait).
+    # Xvfb writes its display number once it accepts clients.
     rfd, wfd = os.pipe()
     xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(wfd), "-screen", "0", "320x240x24",
                              "-nolisten", "tcp"], pass_fds=(wfd,), stderr=subprocess.DEVNULL)
@@ -175,7 +144,11 @@ def main():
         shot = subprocess.run(["xwd", "-silent", "-id", wid], env=env, check=True,
                               capture_output=True, timeout=TIMEOUT).stdout
         w, h, pixels = xwd_pixels(shot)
-        want = expected_canvas()
+        c = Canvas(0xFF203040)  # alpha has no effect on the screen
+        c.fill(1, 1, 4, 3, 0xFFFF0000)
+        c.fill(8, 3, 9, 9, 0xFF0000FF)
+        c.text(2, 4, "Ok", 0xFFFFFF00)
+        want = c.px
         if args.wrapper and pixels[:1] == [want[0] ^ 0xFFFFFF]:
             pixels[0] = want[0]  # the focused window's caret: Windows draws a zero size as 1x1, inverted
         if (w, h) != (run_window.W, run_window.H):
@@ -184,8 +157,7 @@ def main():
             bad = [i for i, (a, b) in enumerate(zip(pixels, want)) if a != b]
             failures.append(f"{len(bad)} pixels differ, first at {bad[0] % w},{bad[0] // w}")
 
-        # Input. Each batch ends with a click at a known place, so every
-        # event before it has been read when it arrives.
+        # Each batch ends with a click at a known place.
         xdo("windowfocus", "--sync", wid)
         xdo("mousemove", "--window", wid, "--sync", "3", "4")
         events_until(out, (5, 3, 4))
@@ -194,16 +166,13 @@ def main():
         want = [(1, 3, 4), (1, 3, 4), (5, 3, 4), (4, -1, 0), (5, 3, 4), (4, 1, 0)]
         if got != want:
             failures.append(f"clicks and wheel: {got} != {want}")
-        # A key event carries no position; a modifier alone and Ctrl+c give none.
         xdo("key", "a", "shift+b", "BackSpace", "ctrl+c", "Shift_L", "Left", "click", "1")
         got = events_until(out, (1, 3, 4))
         want = [(2, 0, 0)] * 4 + [(1, 3, 4)]
         if got != want:
             failures.append(f"keys: {got} != {want}")
-        # A resize is noticed (and dropped) by the pump; closing ends the loop
-        # (winPump false), the close event being the last one queued.
-        # Windows also reports the first size the window is shown at, and has
-        # a minimum width; its close comes as WM_CLOSE, which taskkill posts.
+        # The pump notes a resize; the close is the last event. Windows also
+        # reports the first size, and taskkill posts its WM_CLOSE.
         size = ("200", "60") if args.wrapper else ("30", "20")
         xdo("windowsize", wid, *size)
         if args.wrapper:
