@@ -1,6 +1,5 @@
-// Host calls 10 to 55 through a recording host: signed arguments, how results
-// reach the slot, how text crosses guest memory both ways, and the present
-// block of call 24. Plain dispatch is covered by the script cases' host logs.
+// Host calls through a recording host: signed arguments, results in the slot, text
+// across guest memory, call 24's block. Plain dispatch: the script cases' host logs.
 #include <gtest/gtest.h>
 
 #include "tests/bytecode/zanb_harness.h"
@@ -11,8 +10,7 @@ using namespace zanbtest;
 constexpr uint64_t kMemSize = 131072;
 constexpr uint32_t kDst = 0x2000;  // text destinations; 8 bytes are dumped from here
 
-// Logs every operation as "name(args)"; numbers come back as `num`, texts
-// as `reply`.
+// Logs "name(args)"; numbers come back as `num`, texts as `reply`.
 struct RecordingHost : UiHost {
   std::string log, reply = "hello";
   int num = -5;

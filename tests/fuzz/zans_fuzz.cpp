@@ -1,6 +1,5 @@
-// libFuzzer target: the script compiler on any source. What it accepts must
-// load and start on the machine: a module the machine refuses for a slot
-// operand (the frame sizing) or a bad jump is a compiler fault.
+// libFuzzer target: what the script compiler accepts must load and run; a slot
+// operand out of the frame is a compiler fault.
 #include <cstdint>
 #include <cstdlib>
 #include <string>

@@ -26,8 +26,7 @@ def run_prog(prog, env):
     return run([opts["--zan"], "run", path], env=dict(full, **env))
 
 
-# A PSF2 font, 3 wide and 4 high, 128 glyphs: glyph g, row r has the bits
-# of (g * 37 + r * 11) in its top three.
+# PSF2, 3x4, 128 glyphs: glyph g, row r has the top three bits of g * 37 + r * 11.
 def glyph_row(g, r):
     return (g * 37 + r * 11) & 0xE0
 
@@ -80,9 +79,8 @@ def drawing():
     for n, want in ((0, first), (1, c.ppm())):
         expect(f"frame {n}", open(f"/tmp/zan-ui-frame-00{n}.ppm", "rb").read(), want)
 
-    # A frame whose file cannot be made is skipped quietly and still counts;
-    # the limit counts frames; a display that cannot be opened leaves the
-    # dumper; "0" turns dumping off.
+    # An unwritable frame is skipped quietly but counts; so does the limit; a
+    # display that cannot open leaves the dumper; "0" turns dumping off.
     clear_frames()
     os.mkdir("/tmp/zan-ui-frame-000.ppm")
     expect("unwritable frame", run_prog(p, {"ZAN_UI_DUMP": "yes", "ZAN_UI_DUMP_MAX": "x"}), (0, wrote % 1, ""))

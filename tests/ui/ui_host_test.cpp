@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <fstream>
+#include <numeric>
 
 #include "tests/test_tmp.h"
 #include "ui/ui_host.h"
@@ -20,12 +21,11 @@ constexpr uint32_t C = 0xFF00FF00, B = kOpaqueBlack;
 
 bool inBox(ll px, ll py, ll x, ll y, ll w, ll h) { return px >= x && px < x + w && py >= y && py < y + h; }
 
-// One drawing call: 'f' fillRect(a,b,c,d), 's' strokeRect(a,b,c,d, thickness e),
-// 'l' line(a,b)-(c,d), 'c' circle(a,b, r c).
+// 'f' fillRect(a,b,c,d), 's' strokeRect(a,b,c,d, thickness e), 'l' line(a,b)-(c,d),
+// 'c' circle(a,b, r c); on() says from the definitions whether (px, py) is painted.
 struct Draw {
   char op;
   ll a, b, c, d = 0, e = 0;
-  // Whether the call paints (px, py), straight from the definitions.
   bool on(ll px, ll py) const {
     switch (op) {
       case 'f': return inBox(px, py, a, b, c, d);
@@ -73,7 +73,7 @@ TEST(UiCanvas, OperationsMatchTheirDefinitions) {
 TEST(UiCanvas, BlitUtf8AndKeyTable) {
   Canvas c{9, 7, std::vector<uint32_t>(63, B)};
   std::vector<uint32_t> src(12 * 2);
-  for (size_t i = 0; i < src.size(); ++i) src[i] = uint32_t(i + 1);
+  std::iota(src.begin(), src.end(), 1u);
   c.blit(src.data(), 12, 2);  // wider than the canvas: cut to 9 columns, stride 12
   EXPECT_EQ(std::vector<uint32_t>(c.pixels.begin() + 8, c.pixels.begin() + 10), (std::vector<uint32_t>{9, 13}));
   EXPECT_EQ(c.pixels[18], B);
@@ -88,7 +88,7 @@ TEST(UiCanvas, BlitUtf8AndKeyTable) {
   EXPECT_EQ(keys, "8:8 9:9 13:13 27:27 35:87 36:80 37:81 38:82 39:83 40:84 46:159 ");
 }
 
-// The host's environment: every scripted-input variable unset, then `vars`.
+// Every scripted-input variable unset, then `vars`.
 void setEnv(std::initializer_list<std::pair<const char*, const char*>> vars) {
   for (const char* n : {"ZAN_UI_SCRIPT", "ZAN_UI_KEYS", "ZAN_UI_DRAG", "ZAN_UI_HOVER", "ZAN_UI_WHEEL",
                         "ZAN_UI_EXIT_AFTER", "ZAN_UI_DUMP", "DISPLAY"})
@@ -96,7 +96,6 @@ void setEnv(std::initializer_list<std::pair<const char*, const char*>> vars) {
   for (auto [n, v] : vars) setenv(n, v, 1);
 }
 
-// Everything a host stored from its environment, as one line.
 std::string scripted(const RuntimeHost& h) {
   std::string s;
   auto n = [](ll v) { return std::to_string(v); };
@@ -108,8 +107,7 @@ std::string scripted(const RuntimeHost& h) {
   return s;
 }
 
-// Windows' environment is UTF-16: a value that is not UTF-8 comes back with
-// U+FFFD in place of its broken end.
+// Windows' UTF-16 environment turns a broken UTF-8 end into U+FFFD.
 #ifdef _WIN32
 #define kCutShort "\xEF\xBF\xBD"
 #else
@@ -151,7 +149,7 @@ TEST(UiRuntimeHost, PollingPumpingAndAbsurdSizes) {
   EXPECT_EQ(seen, "0@0,0 0@0,0 0@0,0 1@10,20 0@0,0 0@0,0 1@30,40 0@0,0 0@0,0 ");
   EXPECT_EQ(h.eventX(), 30);
 
-  // Window events go first, whole records through pollInputEvent.
+  // Window events first, whole records through pollInputEvent.
   setEnv({{"ZAN_UI_SCRIPT", "5,6"}, {"ZAN_UI_EXIT_AFTER", "3"}});
   RuntimeHost g;
   g.fontTried = true;
@@ -175,8 +173,7 @@ TEST(UiRuntimeHost, PollingPumpingAndAbsurdSizes) {
   for (int i = 0; i < 4; ++i) seen += g.winPump() ? "T" : "F", g.present();
   EXPECT_EQ(seen.substr(seen.size() - 4), "TTTF");
 
-  // An empty canvas draws nothing; one beyond memory makes no window and
-  // leaves the old one.
+  // An empty canvas draws nothing; one beyond memory leaves the old window.
   EXPECT_TRUE(g.winOpen("zero", 0, -5, 0));
   EXPECT_EQ(g.window->canvas.pixels.size(), 0u);
   g.fillRect(0, 0, 5, 5, C);
@@ -222,7 +219,6 @@ TEST(UiRuntimeHost, PsfFontsAreCheckedBeforeTheyReplaceTheGlyphs) {
     EXPECT_FALSE(h.parsePsf(bad[i])) << i;
     EXPECT_EQ(h.glyphWidth * 100 + h.glyphCount, 1004u) << i;
   }
-  // Files that are missing, or not fonts (gzip'd or plain), change nothing either.
   const std::string dir = testTempDir() + "a dir/";
   std::filesystem::create_directories(dir);
   std::ofstream(dir + "text.psf") << "not a font";
@@ -258,8 +254,7 @@ TEST(UiRuntimeHost, TextDrawsGlyphBitsOrHollowBoxes) {
     return inBox(x, y, 3, 1, 16, 16) && ((0x41 ^ row) & (0x80 >> col)) ? C : B;
   });
 
-  // Glyph 3 of PSF2 has all ten columns set; 4 is past the count: a box of
-  // the font's cell. Text has no background.
+  // PSF2 glyph 3 sets all ten columns; 4 is past the count: a hollow cell. No background.
   ASSERT_TRUE(h.parsePsf(psf2()));
   h.clear(0xFF123456);
   h.text(0, 0, "\x03\x04", C, 1);

@@ -1,6 +1,5 @@
-// Opens a window and prints each input event as "kind key mods text" until
-// the window closes: the key codes and modifiers the window layer makes of
-// real keys, which a bytecode program never sees. ui/x11_window.py drives it.
+// Prints each input event of a window as "kind key mods text" until it closes:
+// key codes a bytecode program never sees. ui/x11_window.py drives it.
 #include <cstdio>
 
 #include "base/compat.h"

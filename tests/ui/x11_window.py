@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
 """The window for real on a private Xvfb: pixels read back with xwd, input
 sent with xdotool comes back as the events the program prints, close ends it.
-    x11_window.py --zan PATH --work DIR [--keys PROBE] [--wrapper wine]"""
-import argparse, gzip, os, shutil, struct, subprocess, sys
+    x11_window.py --zan PATH --keys PROBE --work DIR [--wrapper wine]"""
+import gzip, os, shutil, struct, subprocess, sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from run_window import Canvas, font_bytes  # noqa: E402
 import run_window  # noqa: E402
 from zana import Prog  # noqa: E402
+from zantest import opts, check, expect, finish  # noqa: E402
 
 TITLE = "zan-x11-test"
 TIMEOUT = 30  # for the tools; a safety net against hangs, never a synchronisation
@@ -33,10 +34,9 @@ def program():
     p.call(18, res=44)
     p.jump("jz", "idle", 44)
     p.print_slot(44)
-    p.call(20, res=43)
-    p.print_slot(43)
-    p.call(21, res=43)
-    p.print_slot(43)
+    for n in (20, 21):
+        p.call(n, res=43)
+        p.print_slot(43)
     p.jump("jmp", "loop")
     p.label("idle")
     p.call(19, 2)
@@ -77,12 +77,12 @@ KEY_EVENTS = [f"2 {k} 0 -" for k in (0xFF08, 0xFF09, 0xFF0D, 0xFF1B, 0xFF50, 0xF
                                       0xFF57, 0xFF9F)] + ["2 65361 1 -", "2 65360 2 -", "2 65367 4 -", "2 0 0 a", "2 0 1 B"]
 
 
-def key_codes(probe, wrapper, env, xdo):
-    app = subprocess.Popen(wrapper + [probe], env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+def key_codes(wrapper, env, xdo):
+    app = subprocess.Popen(wrapper + [opts["--keys"]], env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     try:
         lines = (line.decode().rstrip("\n") for line in app.stdout)
-        if not next(lines).startswith("READY"):
-            return "probe did not start"
+        if not check(next(lines).startswith("READY"), "probe did not start"):
+            return
         wid = xdo("search", "--sync", "--name", "^zan-keys-test$")[0]
         xdo("windowfocus", "--sync", wid)
         xdo("mousemove", "--window", wid, "--sync", "3", "4")
@@ -90,47 +90,37 @@ def key_codes(probe, wrapper, env, xdo):
         got = []
         while not got or not got[-1].startswith("1 "):
             got.append(next(lines))
-        got = [g for g in got[:-1] if not g.startswith("5 ")]
-        return None if got == KEY_EVENTS else f"keys: {got} != {KEY_EVENTS}"
+        expect("probe keys", [g for g in got[:-1] if not g.startswith("5 ")], KEY_EVENTS)
     finally:
         app.kill()
         app.wait()
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--work", required=True)
-    ap.add_argument("--keys", help="the window_keys probe")
-    ap.add_argument("--wrapper", default="", help="runs a Windows build (wine): the Win32 window")
-    args = ap.parse_args()
     missing = [t for t in ("Xvfb", "xdotool", "xwd") if not shutil.which(t)]
     if missing:
         print(f"SKIPPED: {' '.join(missing)} not installed (scripts/install-deps installs them)")
         return 0
-    os.makedirs(args.work, exist_ok=True)
-    if args.wrapper:  # Windows: a minimum width, and no gzip for the font
+    win, work = opts.get("--wrapper"), opts["--work"]
+    os.makedirs(work, exist_ok=True)
+    if win:  # Windows: a minimum width, and no gzip for the font
         run_window.W, run_window.H = 160, 48
-    font = os.path.join(args.work, "font.psf" if args.wrapper else "font.psf.gz")
-    with (open if args.wrapper else gzip.open)(font, "wb") as f:
+    font = os.path.join(work, "font.psf" if win else "font.psf.gz")
+    with (open if win else gzip.open)(font, "wb") as f:
         f.write(font_bytes())
-    prog = os.path.join(args.work, "x11.zana")
-    with open(prog, "w") as f:
-        f.write(program().text())
-
+    prog = os.path.join(work, "x11.zana")
+    open(prog, "w").write(program().text())
     # Xvfb writes its display number once it accepts clients.
     rfd, wfd = os.pipe()
-    xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(wfd), "-screen", "0", "320x240x24",
-                             "-nolisten", "tcp"], pass_fds=(wfd,), stderr=subprocess.DEVNULL)
+    xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(wfd), "-screen", "0", "320x240x24", "-nolisten", "tcp"],
+                            pass_fds=(wfd,), stderr=subprocess.DEVNULL)
     os.close(wfd)
     app = None
-    failures = []
-    wrapper = [args.wrapper] if args.wrapper else []
+    wrapper = [win] if win else []
     try:
-        display = ":" + os.read(rfd, 64).decode().strip()
         env = {k: v for k, v in os.environ.items() if not k.startswith("ZAN_")}
-        env.update(DISPLAY=display, ZAN_UI_FONT=font, ZAN_RESIZE_DEBUG="1")
-        app = subprocess.Popen(wrapper + [args.zan, "run", prog], env=env, stdout=subprocess.PIPE,
+        env.update(DISPLAY=":" + os.read(rfd, 64).decode().strip(), ZAN_UI_FONT=font, ZAN_RESIZE_DEBUG="1")
+        app = subprocess.Popen(wrapper + [opts["--zan"], "run", prog], env=env, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE)
         out = (int(line) for line in app.stdout)
         if next(out) != READY:
@@ -141,58 +131,44 @@ def main():
                                   timeout=TIMEOUT).stdout.decode().split()
 
         wid = xdo("search", "--sync", "--name", "^" + TITLE + "$")[0]
-        shot = subprocess.run(["xwd", "-silent", "-id", wid], env=env, check=True,
-                              capture_output=True, timeout=TIMEOUT).stdout
-        w, h, pixels = xwd_pixels(shot)
+        w, h, pixels = xwd_pixels(subprocess.run(["xwd", "-silent", "-id", wid], env=env, check=True,
+                                                 capture_output=True, timeout=TIMEOUT).stdout)
         c = Canvas(0xFF203040)  # alpha has no effect on the screen
         c.fill(1, 1, 4, 3, 0xFFFF0000)
         c.fill(8, 3, 9, 9, 0xFF0000FF)
         c.text(2, 4, "Ok", 0xFFFFFF00)
-        want = c.px
-        if args.wrapper and pixels[:1] == [want[0] ^ 0xFFFFFF]:
-            pixels[0] = want[0]  # the focused window's caret: Windows draws a zero size as 1x1, inverted
-        if (w, h) != (run_window.W, run_window.H):
-            failures.append(f"window is {w}x{h}")
-        elif pixels != want:
-            bad = [i for i, (a, b) in enumerate(zip(pixels, want)) if a != b]
-            failures.append(f"{len(bad)} pixels differ, first at {bad[0] % w},{bad[0] // w}")
+        if win and pixels[:1] == [c.px[0] ^ 0xFFFFFF]:
+            pixels[0] = c.px[0]  # the focused window's caret: Windows draws a zero size as 1x1, inverted
+        if expect("window size", (w, h), (run_window.W, run_window.H)) and pixels != c.px:
+            bad = [i for i, (a, b) in enumerate(zip(pixels, c.px)) if a != b]
+            check(False, f"{len(bad)} pixels differ, first at {bad[0] % w},{bad[0] // w}")
 
         # Each batch ends with a click at a known place.
         xdo("windowfocus", "--sync", wid)
         xdo("mousemove", "--window", wid, "--sync", "3", "4")
         events_until(out, (5, 3, 4))
         xdo("click", "1", "click", "4", "click", "5")
-        got = events_until(out, (4, 1, 0))
-        want = [(1, 3, 4), (1, 3, 4), (5, 3, 4), (4, -1, 0), (5, 3, 4), (4, 1, 0)]
-        if got != want:
-            failures.append(f"clicks and wheel: {got} != {want}")
+        expect("clicks and wheel", events_until(out, (4, 1, 0)),
+               [(1, 3, 4), (1, 3, 4), (5, 3, 4), (4, -1, 0), (5, 3, 4), (4, 1, 0)])
         xdo("key", "a", "shift+b", "BackSpace", "ctrl+c", "Shift_L", "Left", "click", "1")
-        got = events_until(out, (1, 3, 4))
-        want = [(2, 0, 0)] * 4 + [(1, 3, 4)]
-        if got != want:
-            failures.append(f"keys: {got} != {want}")
+        expect("keys", events_until(out, (1, 3, 4)), [(2, 0, 0)] * 4 + [(1, 3, 4)])
         # The pump notes a resize; the close is the last event. Windows also
         # reports the first size, and taskkill posts its WM_CLOSE.
-        size = ("200", "60") if args.wrapper else ("30", "20")
+        size = ("200", "60") if win else ("30", "20")
         xdo("windowsize", wid, *size)
-        if args.wrapper:
-            subprocess.run(wrapper + ["taskkill", "/im", os.path.basename(args.zan)], check=True,
+        if win:
+            subprocess.run(wrapper + ["taskkill", "/im", os.path.basename(opts["--zan"])], check=True,
                            capture_output=True, timeout=TIMEOUT)
         else:
             xdo("windowclose", wid)
         tail = []
         while not tail or tail[-1] != -1:
             tail.append(next(out))
-        if tail[-2:] != [3, -1] or tail[:-2] not in ([], [1, 3, 4]):
-            failures.append(f"after the close: {tail}")
-        if app.wait(TIMEOUT) != 0:
-            failures.append(f"exit code {app.returncode}")
-        resized = app.stderr.read().decode()
-        if args.keys:
-            failures.append(key_codes(args.keys, wrapper, env, xdo))
-        first = f"[resize] takeResize {run_window.W}x{run_window.H}\n" if args.wrapper else ""
-        if resized != first + "[resize] takeResize %sx%s\n" % size:
-            failures.append(f"resize notice: {resized!r}")
+        check(tail[-2:] == [3, -1] and tail[:-2] in ([], [1, 3, 4]), f"after the close: {tail}")
+        expect("exit code", app.wait(TIMEOUT), 0)
+        first = f"[resize] takeResize {run_window.W}x{run_window.H}\n" if win else ""
+        expect("resize notice", app.stderr.read().decode(), first + "[resize] takeResize %sx%s\n" % size)
+        key_codes(wrapper, env, xdo)
     finally:
         if app and app.poll() is None:
             app.kill()
@@ -200,11 +176,7 @@ def main():
         xvfb.terminate()
         xvfb.wait()
         os.close(rfd)
-    failures = [f for f in failures if f]
-    for f in failures:
-        print("FAIL", f)
-    print(f"{len(failures)} failures")
-    return 1 if failures else 0
+    return finish()
 
 
 if __name__ == "__main__":

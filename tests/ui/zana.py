@@ -1,6 +1,4 @@
-"""A small writer of ZANA programs for the window tests: constants into
-argument slots, system calls, strings stored byte by byte, labels resolved to
-the absolute jump targets the text form needs, and a number printer."""
+"""A small writer of ZANA programs for the window tests: calls, strings, labels, a number printer."""
 
 ARG = 10      # a0 of every call; 30 slots up to 39 (call 24 needs them all)
 RES = 40      # where a call's result lands
