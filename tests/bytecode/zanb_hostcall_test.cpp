@@ -139,7 +139,7 @@ TEST(ZanbHostCall, TitleOutOfBoundsAndPresentBlock) {
   for (uint32_t i = 0; i < 30; i++) body.push_back(konst(2 + i, i == 29 ? 0x100000029 : 100 + i));
   body.push_back(sys(24, 0, 2));
   body.push_back(op(Op_add, 0, 0, 5, kI64));  // new a0 + new a3
-  Eval e = eval({kMark}, body, {}, cfg);
+  e = eval({kMark}, body, {}, cfg);
   const uint64_t block = kMemSize - 256;
   EXPECT_EQ(host.log, "uiPresent(" + std::to_string(block) + ",100,101,41)");
   EXPECT_EQ(e.value, 9u + 77u);
