@@ -1,45 +1,15 @@
 #!/usr/bin/env python3
-"""`zan install` of repo/plugin containers: local files, a server source and
---repo over HTTP, hostile names, truncations, and SIGKILL mid-fetch.
-Usage: container_install.py --zan PATH --server raw_http_server.py"""
-
-import argparse, json, os, shutil, struct, subprocess, sys, tempfile
-
-FAILS = []
-
-
-def check(cond, what):
-    if not cond:
-        FAILS.append(print("FAIL", what))
-
-
-def container(kind, manifest, blobs=()):
-    secs = [json.dumps(manifest).encode(), *blobs]
-    at, table, body = 64 + 24 * len(secs), b"", b""
-    for s in secs:
-        body += b"\0" * (-(at + len(body)) % 64)
-        table += struct.pack("<IIQQ", 0, 0, at + len(body), len(s))
-        body += s
-    head = b"ZAN2" + struct.pack("<IIIIIQIIIH", 2, 0x01020304, len(secs), 0, 0, 0, 0, 0, 0, kind) + b"\0" * 18
-    return head + table + body
+"""`zan install` of repo/plugin containers: local files, a server source and --repo over HTTP,
+hostile names, truncations, SIGKILL mid-fetch.   container_install.py --zan PATH [--wrapper wine]"""
+import json, os, shutil, subprocess, sys, tempfile
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, check, finish, run, container, raw_server, home_env, WRAPPER
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--server", required=True)
-    ap.add_argument("--wrapper", default="", help="runs a Windows build (wine)")
-    opts = ap.parse_args()
-    wrapper = [opts.wrapper] if opts.wrapper else []
     home = tempfile.mkdtemp(prefix="zan-ct-")
-    plug = os.path.join(home, ".zan/plugin")
-    # wine hands HOME to Windows programs only as WINEHOME.
-    env = {k: v for k, v in os.environ.items() if k.startswith("WINE")}
-    env.update({"PATH": os.environ["PATH"], "WINEHOME" if wrapper else "HOME": home})
-
-    def zan(*args, cwd=home):
-        p = subprocess.run(wrapper + [opts.zan, *args], cwd=cwd, env=env, capture_output=True, timeout=60)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+    plug, env = os.path.join(home, ".zan/plugin"), home_env(home)
+    zan = lambda *args: run(WRAPPER + [opts["--zan"], *args], cwd=home, env=env)
 
     def put(name, data):
         open(os.path.join(home, name), "wb").write(data)
@@ -48,8 +18,7 @@ def main():
         st = json.load(open(os.path.join(home, ".zan/installed.json")))
         return [(e["name"], e["version"], e["origin"], e["files"]) for e in st["plugins"]]
 
-    def read(rel):
-        return open(os.path.join(plug, rel), "rb").read()
+    read = lambda rel: open(os.path.join(plug, rel), "rb").read()
 
     # A repo: a plugin in a subdirectory, a file with no size (always
     # extracted), a file that is the manifest itself, and a config file.
@@ -60,7 +29,7 @@ def main():
     put("r.zan", container(5, repo1, [b"PPP", b"data", b"conf=1"]))
     # On Windows the working directory is a drive path with backslashes,
     # escaped in the JSON text.
-    origin = "zan://" + ("Z:" + home.replace("/", "\\\\") if wrapper else home) + "/r.zan"
+    origin = "zan://" + ("Z:" + home.replace("/", "\\\\") if WRAPPER else home) + "/r.zan"
     rc, out, err = zan("install", "r.zan")
     check((rc, err, out) == (0, "", "zan: sources.list initialized (%s/.zan/sources.list)\n" % home +
           "installed p 2.0 (from r.zan)\ninstalled q 1 (from r.zan)\nconfig p.conf -> %s/.zan/p.conf\n" % home +
@@ -124,8 +93,7 @@ def main():
         check(rc in (1, 2) and err.startswith("zan: "), f"cut at {n}: {rc} {err!r}")
 
     # Fetched containers: a server source and --repo; origin is the address.
-    srv = subprocess.Popen([sys.executable, opts.server, "--root", home], stdout=subprocess.PIPE, text=True)
-    port = int(srv.stdout.readline().split()[1])
+    srv, port = raw_server("--root", home)
     url = "http://127.0.0.1:%d/file/r.zan?v=2" % port
     put(".zan/sources.list", b"zan %s\nzan http://127.0.0.1:%d/file/none.zan\n" % (url.encode(), port))
     rc, out, err = zan("install", "p")
@@ -143,10 +111,8 @@ def main():
     size = os.path.getsize(os.path.join(home, "r.zan"))
     before = state()
     for at in (0, 40, 64 + 24, size // 2, size - 1):
-        srv = subprocess.Popen([sys.executable, opts.server, "--root", home, "--stall-at", str(at)],
-                               stdout=subprocess.PIPE, text=True)
-        port = int(srv.stdout.readline().split()[1])
-        z = subprocess.Popen(wrapper + [opts.zan, "install", "--force", "--repo", "http://127.0.0.1:%d/file/r.zan" % port],
+        srv, port = raw_server("--root", home, "--stall-at", str(at))
+        z = subprocess.Popen(WRAPPER + [opts["--zan"], "install", "--force", "--repo", "http://127.0.0.1:%d/file/r.zan" % port],
                              env=env, cwd=home, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         check(srv.stdout.readline().startswith("STALL"), f"stall at {at}")
         z.kill()
@@ -156,8 +122,7 @@ def main():
         check(state() == before and read("libzan_p.so") == b"PPP" and read("sub/p.dat") == b"data", f"kill at {at}")
 
     shutil.rmtree(home)
-    print("%d failure(s)" % len(FAILS))
-    return 1 if FAILS else 0
+    return finish()
 
 
 if __name__ == "__main__":
