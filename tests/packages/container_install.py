@@ -20,15 +20,13 @@ def main():
 
     read = lambda rel: open(os.path.join(plug, rel), "rb").read()
 
-    # A repo: a plugin in a subdirectory, a file with no size (always
-    # extracted), a file that is the manifest itself, and a config file.
+    # A repo: a file in a subdirectory, one with no size (always extracted), the manifest itself, a config.
     repo1 = {"kind": "repo", "version": "2.0", "configs": [{"name": "p.conf", "section": 3}],
              "plugins": [{"name": "p", "desc": "d\n\"\\", "files": [{"name": "libzan_p.so", "section": 1, "bytes": 3},
                                                               {"name": "sub/p.dat", "section": 2}]},
                          {"name": "q", "version": "1", "files": [{"name": "zan_q.so", "section": 0}]}]}
     put("r.zan", container(5, repo1, [b"PPP", b"data", b"conf=1"]))
-    # On Windows the working directory is a drive path with backslashes,
-    # escaped in the JSON text.
+    # On Windows the working directory is a drive path, its backslashes escaped in the JSON text.
     origin = "zan://" + ("Z:" + home.replace("/", "\\\\") if WRAPPER else home) + "/r.zan"
     rc, out, err = zan("install", "r.zan")
     check((rc, err, out) == (0, "", "zan: sources.list initialized (%s/.zan/sources.list)\n" % home +
@@ -47,8 +45,7 @@ def main():
     zan("install", "--force", "r.zan")
     check(read("libzan_p.so") == b"PPP", "--force re-extracts")
 
-    # Version 2 drops q: its files and entry go; a damaged name is never
-    # deleted outside the install directory.
+    # Version 2 drops q: its files and entry go, but never a damaged name outside the install directory.
     st = json.load(open(os.path.join(home, ".zan/installed.json")))
     st["plugins"][1]["files"].append("../outside")
     json.dump(st, open(os.path.join(home, ".zan/installed.json"), "w"))
@@ -60,8 +57,7 @@ def main():
     check(not os.path.exists(os.path.join(plug, "zan_q.so")), "dropped file removed")
     check(os.path.exists(os.path.join(home, ".zan/outside")), "nothing deleted outside")
 
-    # Hostile names are refused and nothing is written outside; the plugin
-    # fails, and so does the run, but the state keeps what it had.
+    # Hostile names are refused, nothing is written outside; the run fails, the state keeps what it had.
     bad = {"kind": "plugin", "name": "b", "files": [
         {"name": n, "section": 1} for n in ("../esc", "/tmp/abs", "a/../../esc2", "")] +
         [{"name": "ok.so", "section": 9}, {"name": "ok.so", "section": 1, "bytes": 2}]}
@@ -72,7 +68,6 @@ def main():
     check(not os.path.exists(os.path.join(home, ".zan/esc")) and not os.path.exists("/tmp/abs"), "escaped")
     check([n for n, *_ in state()] == ["p"], "state after bad plugin")
 
-    # Other refusals.
     put("app.zan", container(6, {}))
     put("app.bin", container(6, {}))
     put("junk.zan", b"ZAN1" + b"\0" * 80)
@@ -106,8 +101,7 @@ def main():
     check((rc, out) == (0, "  container: %s (plugins bundled; run zan install to materialize)\n" % url), "--list")
     srv.kill()
 
-    # SIGKILL while the container is on the wire: the state and the files it
-    # names stay those of the complete earlier install.
+    # SIGKILL while the container is on the wire: the state and its files stay those of the earlier install.
     size = os.path.getsize(os.path.join(home, "r.zan"))
     before = state()
     for at in (0, 40, 64 + 24, size // 2, size - 1):

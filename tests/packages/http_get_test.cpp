@@ -10,15 +10,13 @@
 
 namespace {
 
-const std::string kServer = std::string(ZAN_TEST_SOURCE_DIR) + "/packages/raw_http_server.py";
-
 void recordProgress(size_t done, size_t total, void* ctx) {
   static_cast<std::vector<std::pair<size_t, size_t>>*>(ctx)->emplace_back(done, total);
 }
 
 TEST(HttpGet, PlainRepliesGoodAndHostile) {
   SKIP_WITHOUT_SERVER_PROCESS();
-  ServerProc srv({"python3", kServer});
+  ServerProc srv({"python3", kRawServer});
   ASSERT_GT(srv.port, 0);
   std::string big(100000, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 7) & 0xFF);

@@ -1,6 +1,5 @@
-// HttpFetcher against real servers on 127.0.0.1: the catalog (and file and
-// command jobs beside it) over a python http.server holding store.json
-// files, and a server that stalls mid-body.
+// HttpFetcher against real servers on 127.0.0.1: the catalog (and file and command
+// jobs beside it) over a python http.server, and a server that stalls mid-body.
 #include "store/http_fetch.h"
 
 #include <gtest/gtest.h>
@@ -9,13 +8,6 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
-
-#ifndef _WIN32
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-#endif
 
 #include "store/zan_catalog.h"
 #include "tests/packages/server_proc.h"
@@ -95,27 +87,15 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
 }
 
 TEST(HttpFetcher, StallingServerLeavesJobsPendingWithoutBlocking) {
-  // A raw server of our own: it takes the request, sends the headers and 5
-  // of 1000 body bytes, and holds the connection until the test lets go.
-  const int lst = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  ASSERT_EQ(bind(lst, (sockaddr*)&addr, len) | listen(lst, 4) | getsockname(lst, (sockaddr*)&addr, &len), 0);
-  const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/s.json";
+  const std::string root = testTempDir() + "stall/";
+  put(root + "s.json", std::string(1000, 'x'));
+  auto srv = std::make_unique<ServerProc>(std::vector<std::string>{"python3", kRawServer, "--root", root, "--stall-at", "5"});
+  const std::string url = srv->base() + "/file/s.json";
   HttpFetcher f;
   const int first = f.startText(url, "", ""), second = f.startText(url, "", ""), third = f.startText(url, "", "");
-  const int conn = accept(lst, nullptr, nullptr);
-  char req[4096];
-  std::string got;
-  while (got.find("\r\n\r\n") == std::string::npos) {
-    const ssize_t n = recv(conn, req, sizeof req, 0);
-    ASSERT_GT(n, 0);
-    got.append(req, size_t(n));
-  }
-  const char head[] = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nxxxxx";
-  ASSERT_EQ(send(conn, head, sizeof head - 1, 0), ssize_t(sizeof head - 1));
+  char line[64];
+  ASSERT_TRUE(std::fgets(line, sizeof line, srv->out));  // headers and 5 of 1000 body bytes are out
+  EXPECT_STREQ(line, "STALL\n");
   f.pump();  // comes straight back, with nothing delivered
   EXPECT_FALSE(f.wait(0));
   EXPECT_EQ(f.state(first) + f.state(second), 0);
@@ -123,8 +103,7 @@ TEST(HttpFetcher, StallingServerLeavesJobsPendingWithoutBlocking) {
   EXPECT_EQ(f.error(third), "cancelled");
   EXPECT_EQ(f.cancel(third), 0);
 
-  close(conn);  // the short body fails; with no listener the next can't connect
-  close(lst);
+  srv.reset();  // the short body fails; with no listener the next can't connect
   ASSERT_TRUE(pumpUntil(f, [&] { return f.state(first) && f.state(second); }, [&] { f.pump(); }));
   EXPECT_EQ(f.state(first) * 10 + f.state(second), 22);
   EXPECT_EQ(f.error(first), "cannot fetch " + url);
