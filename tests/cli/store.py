@@ -32,6 +32,7 @@ PACK_GONE = "zan store: extract failed (@T/build/bin/zan_flutter_pack not usable
 CASES = [
     ("usage", {}, ["-h"], {}, USAGE, "", 0),
     ("no value", {}, ["--zanb"], {}, "", "zan store: unknown option '--zanb'\n", 2),
+    ("bad word before a value", {}, ["-x", "a"], {}, "", "zan store: unknown option '-x'\n", 2),
     ("later --zanb wins", {"cwd/s.zanb": "zanb", "cwd/e.zan": "zan"}, ["--zanb", "e.zan", "--zanb", "s.zanb"],
      {"ZAN_STORE_ZANB": "e.zan"}, "zan store: running s.zanb\n--zanb\ne.zan\n--zanb\ns.zanb\n", "", 4),
     ("ZAN_STORE_ZANB", {"cwd/e.zan": "zan", BIN + "store.zan": "zan"}, [], {"ZAN_STORE_ZANB": "e.zan"},
@@ -128,7 +129,7 @@ def main():
         subprocess.run(WRAPPER + [opts["--zan"], "pack", opts["--echo"], "-o", work + "/s.zan"], check=True, capture_output=True)
         subprocess.run(WRAPPER + [opts["--zana2zanb"], opts["--echo"], work + "/s.zanb"], check=True, capture_output=True)
         box, zanb = open(work + "/s.zan", "rb").read(), open(work + "/s.zanb", "rb").read()
-        cases = CASES[:10] if WRAPPER else CASES  # the bytecode stores
+        cases = CASES[:11] if WRAPPER else CASES  # the bytecode stores
         for case in cases:
             run(case, os.path.realpath(opts["--zan"]), {"zan": box, "old": box, "cut": box[:100], "zanb": zanb})
         return finish()
