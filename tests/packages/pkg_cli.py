@@ -18,7 +18,19 @@ def serve(handler, tls=None):
     return "http%s://127.0.0.1:%d" % ("s" if tls else "", srv.server_port)
 
 
-class Quiet(http.server.SimpleHTTPRequestHandler):
+class Stalling(http.server.SimpleHTTPRequestHandler):
+    """Serves a directory; unless stalled is set, a request for slow* sends half its body and hangs."""
+    stalled = threading.Event()
+    def do_GET(self):
+        if "slow" not in self.path or Stalling.stalled.is_set(): return super().do_GET()
+        data = open(self.directory + self.path, "rb").read()
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(data)))
+        self.end_headers()
+        self.wfile.write(data[: len(data) // 2])
+        self.wfile.flush()
+        Stalling.stalled.set()
+        threading.Event().wait()
     def log_message(self, *a): pass
 
 
@@ -27,7 +39,7 @@ def static_server(root, packages):
     for f in [f["file"] for p in packages for f in p["files"] if not set("/\0") & set(f["file"])]:
         open(root + "/plugins/" + f, "wb").write(body(f))
     open(root + "/manifest.json", "w").write(json.dumps({"packages": packages}))
-    return serve(functools.partial(Quiet, directory=root))
+    return serve(functools.partial(Stalling, directory=root))
 
 
 def pkg(name, version, files, deps=(), **over):
@@ -176,26 +188,10 @@ def github_scenario(tmp):
     expect("github state", [(n, v) for n, v, _ in state(home)], [("gc", "1"), ("gm", "3")])
 
 
-class Stalling(Quiet):
-    """Serves a directory; the first request for a file named slow* sends half its body and hangs."""
-    stalled = threading.Event()
-    def do_GET(self):
-        if "slow" not in self.path or Stalling.stalled.is_set(): return super().do_GET()
-        data = open(self.directory + self.path, "rb").read()
-        self.send_response(200)
-        self.send_header("Content-Length", str(len(data)))
-        self.end_headers()
-        self.wfile.write(data[: len(data) // 2])
-        self.wfile.flush()
-        Stalling.stalled.set()
-        threading.Event().wait()
-
-
 def kill_test(tmp):
     names = ["k0", "k1", "slow", "k2", "k3"]
     packages = [pkg(n, "1", ["libzan_%s.so" % n]) for n in names]
-    static_server(tmp + "/k", packages)
-    K = serve(functools.partial(Stalling, directory=tmp + "/k"))
+    K = static_server(tmp + "/k", packages)
     want = {n: ("1", body("libzan_%s.so" % n)) for n in names}
     # Kill points: in a stalled download (of install, then of upgrade to slow 2), after the n-th line of install/remove.
     for point in ["stall", 1, 3, "remove2", "upgrade"]:
