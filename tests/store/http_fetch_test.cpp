@@ -1,5 +1,5 @@
-// HttpFetcher against real servers on 127.0.0.1: the catalog (and file and command
-// jobs beside it) over a python http.server, and a server that stalls mid-body.
+// HttpFetcher against raw_http_server.py on 127.0.0.1: the catalog (and file and
+// command jobs beside it) over files it serves, and a stall mid-body.
 #include "store/http_fetch.h"
 
 #include <gtest/gtest.h>
@@ -23,12 +23,6 @@ TEST(HttpFetcher, LinuxOnly) {
 }
 #else
 
-const char kStaticServer[] =
-    "import functools, http.server, sys\n"
-    "class H(http.server.SimpleHTTPRequestHandler):\n    def log_message(self, *a): pass\n"
-    "s = http.server.ThreadingHTTPServer(('127.0.0.1', 0), functools.partial(H, directory=sys.argv[1]))\n"
-    "print('READY', s.server_address[1], flush=True)\ns.serve_forever()\n";
-
 void put(const std::string& path, const std::string& text) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   std::ofstream(path, std::ios::binary) << text;
@@ -49,18 +43,19 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
   std::ostringstream many;
   for (int i = 0; i < 5000; ++i) many << (i ? "," : "{\"apps\":[") << "{\"id\":\"app" << i << "\",\"size\":" << i * 1000 << "}";
   put(root + "many/store.json", many.str() + "]}");
-  ServerProc srv({"python3", "-u", "-c", kStaticServer, root});
+  ServerProc srv({"python3", kRawServer, "--root", root});
   ASSERT_GT(srv.port, 0);
-  setenv("ZAN_GITHUB_API", (srv.base() + "/gh").c_str(), 1);
+  const std::string base = srv.base() + "/file";  // the files under root
+  setenv("ZAN_GITHUB_API", (base + "/gh").c_str(), 1);
   setenv("ZAN_STORE_REPOS", "o/r", 1);
-  setenv("ZAN_STORE_URL", (srv.base() + "/good").c_str(), 1);
+  setenv("ZAN_STORE_URL", (base + "/good").c_str(), 1);
   HttpFetcher* f = nullptr;
   tov::catalog::Catalog c([&] { return std::unique_ptr<tov::fetch::Fetcher>(f = new HttpFetcher); });
-  for (const char* d : {"good", "empty", "notjson", "many", "missing"}) c.load(srv.base() + "/" + d);
+  for (const char* d : {"good", "empty", "notjson", "many", "missing"}) c.load(base + "/" + d);
   EXPECT_EQ(c.state(1), 0);  // all five in flight at once
   const std::string data("ab\0cd", 5), out = root + "out.bin";
   put(root + "a.bin", data);
-  const int file = f->start(srv.base() + "/a.bin", out);
+  const int file = f->start(base + "/a.bin", out);
   const int cmd = f->startCommand({"sh", "-c", "printf 'hi there'"}), bad = f->startCommand({"false"});
   EXPECT_TRUE(f->owns(out));
   // The worker runs jobs in order, so `bad` ends last.
@@ -71,7 +66,7 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
   const std::string gh = " github: 1 app(s);", none = "1 entry(s); official: 0 app(s);" + gh;
   const std::string reports[] = {"3 entry(s); official: 2 app(s);" + gh, none, none,
                                  "5001 entry(s); official: 5000 app(s);" + gh,
-                                 "1 entry(s); official: cannot fetch " + srv.base() + "/missing/store.json;" + gh};
+                                 "1 entry(s); official: cannot fetch " + base + "/missing/store.json;" + gh};
   for (int j = 1; j <= 5; ++j) EXPECT_EQ(c.report(j) + std::to_string(c.state(j)), reports[j - 1] + "1");
 
   EXPECT_FALSE(f->owns(out));
