@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""`zan store` through every form of the store:  store.py ZAN ZANA2ZANB ECHO.zana [WRAPPER]
-With WRAPPER (wine) ZAN is zan.exe, and only the bytecode stores are tried: the others are shell
-scripts. @E is the directory of zan, which Windows writes as a drive path. zan runs from <tmp>/build/bin (so <tmp> is the repository root), HOME <tmp>/home, in <tmp>/cwd. The
-bytecode store is echo.zana; a native store is a script zan doesn't wait for, but reading zan's
-stdout to its end does."""
+"""`zan store` through every form of the store.   store.py --zan ZAN --zana2zanb Z --echo ECHO.zana [--wrapper wine]
+Under wine only the bytecode stores are tried (the others are shell scripts); @E is zan's directory, a drive path
+there. zan runs from <tmp>/build/bin (so <tmp> is the repository root), HOME <tmp>/home, in <tmp>/cwd."""
 import os, shutil, subprocess, sys, tempfile
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, check, expect, finish, home_env, WRAPPER
 
 STORE = '#!/bin/sh\necho "$(basename "$0") args:$# cwd:$(pwd)"\n'
 PACK = ('#!/bin/sh\necho "pack $#: $*"\nfor last; do :; done\nmkdir -p "$last"\n'  # extracts into its last argument
@@ -32,9 +32,9 @@ PACK_GONE = "zan store: extract failed (@T/build/bin/zan_flutter_pack not usable
 CASES = [
     ("usage", {}, ["-h"], {}, USAGE, "", 0),
     ("no value", {}, ["--zanb"], {}, "", "zan store: unknown option '--zanb'\n", 2),
+    ("bad word before a value", {}, ["-x", "a"], {}, "", "zan store: unknown option '-x'\n", 2),
     ("later --zanb wins", {"cwd/s.zanb": "zanb", "cwd/e.zan": "zan"}, ["--zanb", "e.zan", "--zanb", "s.zanb"],
      {"ZAN_STORE_ZANB": "e.zan"}, "zan store: running s.zanb\n--zanb\ne.zan\n--zanb\ns.zanb\n", "", 4),
-    ("bad word", {}, ["--zan", "a", "-x"], {}, "", "zan store: unknown option '-x'\n", 2),
     ("ZAN_STORE_ZANB", {"cwd/e.zan": "zan", BIN + "store.zan": "zan"}, [], {"ZAN_STORE_ZANB": "e.zan"},
      "zan store: running e.zan\n", "", 0),
     ("missing, dir, dangling link pass over", {"cwd/d.zan": "dir", "cwd/l.zan": "link:no", BIN + "store.zan": "zan"},
@@ -50,7 +50,6 @@ CASES = [
      "zan run: t.zan: truncated section table\n", 1),
     ("not a container", {"cwd/t.zan": "text:hello"}, ["--zanb", "t.zan"], {}, "zan store: running t.zan\n",
      "zan run: t.zan: cannot read t.zan\n", 1),
-    # The bytecode stores end here.
     ("container before ZAN_STORE_APP", {BASE + ".zan": "old", BIN + "zan_flutter_pack": "pack"}, [],
      {"ZAN_STORE_APP": "/bin/false"}, "pack 3: extract @T/" + BASE + ".zan @T/" + BASE + EXTRACTED, "", 0, [BASE]),
     ("newer extraction kept", {BASE + ".zan": "old", BASE + "/zan-store": "sh"}, [], {},
@@ -64,7 +63,6 @@ CASES = [
      {"ZAN_STORE_APP": "../it's \"my\" store.sh"}, "it's \"my\" store.sh args:0 cwd:@T\n", "", 0),
     ("ZAN_STORE_APP not executable", {"s.sh": "text:x"}, [], {"ZAN_STORE_APP": "@T/s.sh"}, "",
      "zan store: cannot start @T/s.sh: Permission denied\n", 1),
-    ("ZAN_STORE_APP a directory", {}, [], {"ZAN_STORE_APP": "@T"}, "", "zan store: cannot start @T: Permission denied\n", 1),
     ("extracted dir", {BASE + "/libfoo.so": "sh", BASE + "/data.bin": "sh", BASE + "/run.sh": "sh",
                        BASE + "/notes": "text:x", BASE + "/sub": "dir"}, [], {}, "run.sh args:0 cwd:@T/" + BASE + "\n", "", 0),
     ("directory order; before bundle", {BASE + "/store": "sh", BASE + "/run.sh": "sh", BUNDLE + "/b": "sh"}, [], {},
@@ -85,17 +83,16 @@ def snapshot(tmp):  # a directory counts by its being there: new entries change 
             else os.lstat(os.path.join(d, n)).st_mtime_ns for d, ds, fs in os.walk(tmp) for n in ds + fs}
 
 
-def run(case, zan, stores, wrapper):
+def run(case, zan, stores):
     title, files, args, env, out, err, code = case[:7]
     allowed = case[7] if len(case) > 7 else []
     tmp = os.path.realpath(tempfile.mkdtemp(prefix="zan-store-"))
     try:
         for d in (BIN, "home", "cwd"):
             os.makedirs(os.path.join(tmp, d), exist_ok=True)
-        exe = os.path.join(tmp, BIN, "zan.exe" if wrapper else "zan")
+        exe = os.path.join(tmp, BIN, "zan.exe" if WRAPPER else "zan")
         shutil.copy2(zan, exe)
-        exe_dir = "Z:" + os.path.dirname(exe).replace("/", "\\") if wrapper else os.path.dirname(exe)
-        out, err = out.replace("@E", exe_dir), err.replace("@E", exe_dir)
+        exe_dir = "Z:" + os.path.dirname(exe).replace("/", "\\") if WRAPPER else os.path.dirname(exe)
         for path, kind in files.items():
             full = os.path.join(tmp, path)
             os.makedirs(os.path.dirname(full), exist_ok=True)
@@ -113,46 +110,32 @@ def run(case, zan, stores, wrapper):
         if "FIRST" in out:
             out = out.replace("FIRST", [n for n in os.listdir(os.path.join(tmp, BASE)) if n in ("store", "run.sh")][0])
         before = snapshot(tmp)
-        e = {k: v for k, v in os.environ.items() if k.startswith("WINE")}
-        # wine hands HOME to zan.exe only as WINEHOME, and keeps its own files under HOME.
-        e.update({"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "WINEHOME" if wrapper else "HOME": os.path.join(tmp, "home")})
-        e.update({k: v.replace("@T", tmp) for k, v in env.items() if v is not None})
+        e = dict(home_env(os.path.join(tmp, "home")), **{k: v.replace("@T", tmp) for k, v in env.items() if v is not None})
         e = {k: v for k, v in e.items() if env.get(k, "") is not None}
-        r = subprocess.run(wrapper + [exe, "store"] + args, cwd=os.path.join(tmp, "cwd"), env=e,
-                           capture_output=True, timeout=20)
-        problems = [] if r.returncode == code else [f"exit {r.returncode}, expected {code}"]
-        for name, want, got in (("stdout", out, r.stdout), ("stderr", err, r.stderr)):
-            if got != want.replace("@T", tmp).encode():
-                problems.append(f"{name}:\n  expected {want.replace('@T', tmp)!r}\n  actual   {got!r}")
+        r = subprocess.run(WRAPPER + [exe, "store"] + args, cwd=os.path.join(tmp, "cwd"), env=e, capture_output=True, timeout=20)
+        fix = lambda t: t.replace("@E", exe_dir).replace("@T", tmp).encode()
+        expect(title, (r.returncode, r.stdout, r.stderr), (code, fix(out), fix(err)))
         after = snapshot(tmp)
         stray = [p for p in set(before) | set(after) if before.get(p) != after.get(p) and not any(
             p == a or p.startswith(a + "/") or a.startswith(p + "/") for a in allowed)]
-        return problems + ([f"changed outside the store: {sorted(stray)}"] if stray else [])
+        check(not stray, f"{title}: changed outside the store: {sorted(stray)}")
     finally:
         shutil.rmtree(tmp, ignore_errors=True)
 
 
-def main(zan, zana2zanb, echo, wrapper=""):
-    wrapper = [wrapper] if wrapper else []
+def main():
     work = tempfile.mkdtemp(prefix="zan-store-apps-")
     try:
-        subprocess.run(wrapper + [zan, "pack", echo, "-o", work + "/s.zan"], check=True, capture_output=True)
-        subprocess.run(wrapper + [zana2zanb, echo, work + "/s.zanb"], check=True, capture_output=True)
+        subprocess.run(WRAPPER + [opts["--zan"], "pack", opts["--echo"], "-o", work + "/s.zan"], check=True, capture_output=True)
+        subprocess.run(WRAPPER + [opts["--zana2zanb"], opts["--echo"], work + "/s.zanb"], check=True, capture_output=True)
         box, zanb = open(work + "/s.zan", "rb").read(), open(work + "/s.zanb", "rb").read()
-        stores = {"zan": box, "old": box, "cut": box[:100], "zanb": zanb}
-        failed = 0
-        cases = CASES[:11] if wrapper else CASES
-        if wrapper:
-            print(f"SKIPPED {len(CASES) - len(cases)} cases: their stores are shell scripts")
+        cases = CASES[:11] if WRAPPER else CASES  # the bytecode stores
         for case in cases:
-            problems = run(case, os.path.realpath(zan), stores, wrapper)
-            print(("FAIL " if problems else "ok   ") + case[0] + "".join("\n  " + p for p in problems))
-            failed += bool(problems)
-        print(f"{len(cases)} cases, {failed} failed")
-        return 1 if failed else 0
+            run(case, os.path.realpath(opts["--zan"]), {"zan": box, "old": box, "cut": box[:100], "zanb": zanb})
+        return finish()
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:5]))
+    sys.exit(main())

@@ -1,45 +1,15 @@
 #!/usr/bin/env python3
-"""`zan install` of repo/plugin containers: local files, a server source and
---repo over HTTP, hostile names, truncations, and SIGKILL mid-fetch.
-Usage: container_install.py --zan PATH --server raw_http_server.py"""
-
-import argparse, json, os, shutil, struct, subprocess, sys, tempfile
-
-FAILS = []
-
-
-def check(cond, what):
-    if not cond:
-        FAILS.append(print("FAIL", what))
-
-
-def container(kind, manifest, blobs=()):
-    secs = [json.dumps(manifest).encode(), *blobs]
-    at, table, body = 64 + 24 * len(secs), b"", b""
-    for s in secs:
-        body += b"\0" * (-(at + len(body)) % 64)
-        table += struct.pack("<IIQQ", 0, 0, at + len(body), len(s))
-        body += s
-    head = b"ZAN2" + struct.pack("<IIIIIQIIIH", 2, 0x01020304, len(secs), 0, 0, 0, 0, 0, 0, kind) + b"\0" * 18
-    return head + table + body
+"""`zan install` of repo/plugin containers: local files, a server source and --repo over HTTP,
+hostile names, truncations, SIGKILL mid-fetch.   container_install.py --zan PATH [--wrapper wine]"""
+import json, os, shutil, subprocess, sys, tempfile
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, check, finish, run, container, raw_server, home_env, WRAPPER
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--server", required=True)
-    ap.add_argument("--wrapper", default="", help="runs a Windows build (wine)")
-    opts = ap.parse_args()
-    wrapper = [opts.wrapper] if opts.wrapper else []
     home = tempfile.mkdtemp(prefix="zan-ct-")
-    plug = os.path.join(home, ".zan/plugin")
-    # wine hands HOME to Windows programs only as WINEHOME.
-    env = {k: v for k, v in os.environ.items() if k.startswith("WINE")}
-    env.update({"PATH": os.environ["PATH"], "WINEHOME" if wrapper else "HOME": home})
-
-    def zan(*args, cwd=home):
-        p = subprocess.run(wrapper + [opts.zan, *args], cwd=cwd, env=env, capture_output=True, timeout=60)
-        return p.returncode, p.stdout.decode(), p.stderr.decode()
+    plug, env = os.path.join(home, ".zan/plugin"), home_env(home)
+    zan = lambda *args: run(WRAPPER + [opts["--zan"], *args], cwd=home, env=env)
 
     def put(name, data):
         open(os.path.join(home, name), "wb").write(data)
@@ -48,19 +18,16 @@ def main():
         st = json.load(open(os.path.join(home, ".zan/installed.json")))
         return [(e["name"], e["version"], e["origin"], e["files"]) for e in st["plugins"]]
 
-    def read(rel):
-        return open(os.path.join(plug, rel), "rb").read()
+    read = lambda rel: open(os.path.join(plug, rel), "rb").read()
 
-    # A repo: a plugin in a subdirectory, a file with no size (always
-    # extracted), a file that is the manifest itself, and a config file.
+    # A repo: a file in a subdirectory, one with no size (always extracted), the manifest itself, a config.
     repo1 = {"kind": "repo", "version": "2.0", "configs": [{"name": "p.conf", "section": 3}],
              "plugins": [{"name": "p", "desc": "d\n\"\\", "files": [{"name": "libzan_p.so", "section": 1, "bytes": 3},
                                                               {"name": "sub/p.dat", "section": 2}]},
                          {"name": "q", "version": "1", "files": [{"name": "zan_q.so", "section": 0}]}]}
     put("r.zan", container(5, repo1, [b"PPP", b"data", b"conf=1"]))
-    # On Windows the working directory is a drive path with backslashes,
-    # escaped in the JSON text.
-    origin = "zan://" + ("Z:" + home.replace("/", "\\\\") if wrapper else home) + "/r.zan"
+    # On Windows the working directory is a drive path, its backslashes escaped in the JSON text.
+    origin = "zan://" + ("Z:" + home.replace("/", "\\\\") if WRAPPER else home) + "/r.zan"
     rc, out, err = zan("install", "r.zan")
     check((rc, err, out) == (0, "", "zan: sources.list initialized (%s/.zan/sources.list)\n" % home +
           "installed p 2.0 (from r.zan)\ninstalled q 1 (from r.zan)\nconfig p.conf -> %s/.zan/p.conf\n" % home +
@@ -78,8 +45,7 @@ def main():
     zan("install", "--force", "r.zan")
     check(read("libzan_p.so") == b"PPP", "--force re-extracts")
 
-    # Version 2 drops q: its files and entry go; a damaged name is never
-    # deleted outside the install directory.
+    # Version 2 drops q: its files and entry go, but never a damaged name outside the install directory.
     st = json.load(open(os.path.join(home, ".zan/installed.json")))
     st["plugins"][1]["files"].append("../outside")
     json.dump(st, open(os.path.join(home, ".zan/installed.json"), "w"))
@@ -91,8 +57,7 @@ def main():
     check(not os.path.exists(os.path.join(plug, "zan_q.so")), "dropped file removed")
     check(os.path.exists(os.path.join(home, ".zan/outside")), "nothing deleted outside")
 
-    # Hostile names are refused and nothing is written outside; the plugin
-    # fails, and so does the run, but the state keeps what it had.
+    # Hostile names are refused, nothing is written outside; the run fails, the state keeps what it had.
     bad = {"kind": "plugin", "name": "b", "files": [
         {"name": n, "section": 1} for n in ("../esc", "/tmp/abs", "a/../../esc2", "")] +
         [{"name": "ok.so", "section": 9}, {"name": "ok.so", "section": 1, "bytes": 2}]}
@@ -103,7 +68,6 @@ def main():
     check(not os.path.exists(os.path.join(home, ".zan/esc")) and not os.path.exists("/tmp/abs"), "escaped")
     check([n for n, *_ in state()] == ["p"], "state after bad plugin")
 
-    # Other refusals.
     put("app.zan", container(6, {}))
     put("app.bin", container(6, {}))
     put("junk.zan", b"ZAN1" + b"\0" * 80)
@@ -124,8 +88,7 @@ def main():
         check(rc in (1, 2) and err.startswith("zan: "), f"cut at {n}: {rc} {err!r}")
 
     # Fetched containers: a server source and --repo; origin is the address.
-    srv = subprocess.Popen([sys.executable, opts.server, "--root", home], stdout=subprocess.PIPE, text=True)
-    port = int(srv.stdout.readline().split()[1])
+    srv, port = raw_server("--root", home)
     url = "http://127.0.0.1:%d/file/r.zan?v=2" % port
     put(".zan/sources.list", b"zan %s\nzan http://127.0.0.1:%d/file/none.zan\n" % (url.encode(), port))
     rc, out, err = zan("install", "p")
@@ -138,15 +101,12 @@ def main():
     check((rc, out) == (0, "  container: %s (plugins bundled; run zan install to materialize)\n" % url), "--list")
     srv.kill()
 
-    # SIGKILL while the container is on the wire: the state and the files it
-    # names stay those of the complete earlier install.
+    # SIGKILL while the container is on the wire: the state and its files stay those of the earlier install.
     size = os.path.getsize(os.path.join(home, "r.zan"))
     before = state()
     for at in (0, 40, 64 + 24, size // 2, size - 1):
-        srv = subprocess.Popen([sys.executable, opts.server, "--root", home, "--stall-at", str(at)],
-                               stdout=subprocess.PIPE, text=True)
-        port = int(srv.stdout.readline().split()[1])
-        z = subprocess.Popen(wrapper + [opts.zan, "install", "--force", "--repo", "http://127.0.0.1:%d/file/r.zan" % port],
+        srv, port = raw_server("--root", home, "--stall-at", str(at))
+        z = subprocess.Popen(WRAPPER + [opts["--zan"], "install", "--force", "--repo", "http://127.0.0.1:%d/file/r.zan" % port],
                              env=env, cwd=home, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         check(srv.stdout.readline().startswith("STALL"), f"stall at {at}")
         z.kill()
@@ -156,8 +116,7 @@ def main():
         check(state() == before and read("libzan_p.so") == b"PPP" and read("sub/p.dat") == b"data", f"kill at {at}")
 
     shutil.rmtree(home)
-    print("%d failure(s)" % len(FAILS))
-    return 1 if FAILS else 0
+    return finish()
 
 
 if __name__ == "__main__":

@@ -1,5 +1,3 @@
-// Manifest reading, version constraints and resolution; selection, the plan
-// and the refused file names run end to end in tests/packages/pkg_cli.py.
 #include "packages/install_plan.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +13,6 @@ using tov::DepSpec;
 using tov::SourceManifest;
 using namespace std::string_literals;
 
-// Records as "name version [file:size:sha ...]" lines, to compare whole.
 std::string summary(const std::vector<SourceManifest>& ms) {
   std::string out;
   for (const auto& m : ms) {
@@ -80,9 +77,8 @@ SourceManifest pkg(const std::string& name, const std::string& version, std::vec
 }
 
 TEST(Resolve, ChainsDiamondsCyclesAndInstalled) {
-  // In offer order: a chain d -> c -> b (listed before what it needs), a
-  // diamond top -> l, r -> base, a cycle x <-> y, a missing dependency, a
-  // version too old, and z needing w 2.0 which only the installed list has.
+  // A chain listed before what it needs, a diamond, a cycle, a missing dependency,
+  // a version too old, and z needing w 2.0 which only the installed list has.
   std::vector<SourceManifest> ms = {
       pkg("d", "1", {{"c", ""}}), pkg("c", "1", {{"b", ">=1"}}), pkg("b", "1.5"), pkg("top", "1", {{"l", ""}, {"r", ""}}),
       pkg("l", "1", {{"base", ""}}), pkg("r", "1", {{"base", ">1"}}), pkg("base", "2"), pkg("x", "1", {{"y", ""}}),

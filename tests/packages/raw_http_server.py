@@ -3,9 +3,9 @@
 once listening on 127.0.0.1, then answers by request path (see FIXED);
 / and /echo send the request back; /file/NAME sends NAME under --root, and
 with --stall-at N only its first N body bytes, then prints "STALL" and holds
-the connection. --tls CERT KEY serves https.
+the connection.
 """
-import argparse, os, socket, ssl, threading, time
+import argparse, os, socket, threading, time
 
 
 def reply(status, body, length=None, extra=b""):
@@ -51,18 +51,8 @@ def handle(conn, opts):
 ap = argparse.ArgumentParser()
 ap.add_argument("--root", default=".")
 ap.add_argument("--stall-at", type=int)
-ap.add_argument("--tls", nargs=2)
 opts = ap.parse_args()
 srv = socket.create_server(("127.0.0.1", 0))
-ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER) if opts.tls else None
-if ctx:
-    ctx.load_cert_chain(*opts.tls)
 print("READY", srv.getsockname()[1], flush=True)
 while True:
-    conn = srv.accept()[0]
-    try:
-        conn = ctx.wrap_socket(conn, server_side=True) if ctx else conn
-    except (ssl.SSLError, OSError):
-        conn.close()
-        continue
-    threading.Thread(target=handle, args=(conn, opts), daemon=True).start()
+    threading.Thread(target=handle, args=(srv.accept()[0], opts), daemon=True).start()

@@ -1,5 +1,5 @@
-// A test server in a child process: ready once it printed "READY <port>",
-// killed and reaped with the object.
+// A test server in a child process: ready once it printed "READY <port>" (its
+// later lines stay readable on `out`), killed and reaped with the object.
 #pragma once
 
 #include <csignal>
@@ -9,10 +9,12 @@
 #include <string>
 #include <vector>
 
+// Replies a static server cannot give; see its own comment.
+inline const std::string kRawServer = std::string(ZAN_TEST_SOURCE_DIR) + "/packages/raw_http_server.py";
+
 #ifdef _WIN32
-// A Windows test program under wine cannot start the Linux python these
-// servers are; the drivers under tests/packages and tests/store run zan.exe
-// against them from outside instead.
+// A Windows test program under wine cannot start these Linux python servers;
+// the drivers run zan.exe against them from outside instead.
 #define SKIP_WITHOUT_SERVER_PROCESS() GTEST_SKIP() << "no Linux server process from a Windows program"
 struct ServerProc {
   int port = 0;
@@ -27,6 +29,7 @@ struct ServerProc {
 struct ServerProc {
   pid_t pid = -1;
   int port = 0;
+  std::FILE* out = nullptr;
   explicit ServerProc(std::vector<std::string> args) {
     int fds[2];
     if (pipe(fds) != 0 || (pid = fork()) < 0) return;
@@ -40,12 +43,12 @@ struct ServerProc {
     }
     close(fds[1]);
     char line[64] = {};
-    std::FILE* out = fdopen(fds[0], "r");
+    out = fdopen(fds[0], "r");
     if (std::fgets(line, sizeof line, out) && !std::strncmp(line, "READY ", 6)) port = std::atoi(line + 6);
-    std::fclose(out);
   }
   ~ServerProc() {
     if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+    if (out) std::fclose(out);
   }
   std::string base() const { return "http://127.0.0.1:" + std::to_string(port); }
 };

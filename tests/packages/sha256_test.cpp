@@ -1,5 +1,3 @@
-// SHA-256 against coreutils' sha256sum on random files of many sizes, through
-// both block routines.
 #include "packages/sha256.h"
 
 #include <gtest/gtest.h>
@@ -12,10 +10,8 @@
 
 namespace {
 
-// Every length around the block edges (55/56 decide whether the length
-// fits in the last block), then larger ones up to a few MiB; sha256sum
-// hashes all files in one run and fileSha must agree with each line, with
-// the SHA instructions (where the machine has them) and without.
+// Every length around the block edges, then larger ones up to a few MiB, against
+// sha256sum, with the SHA instructions (where the machine has them) and without.
 TEST(Sha256, AgreesWithSha256sum) {
   std::vector<size_t> sizes;
   for (size_t n = 0; n <= 260; ++n) sizes.push_back(n);
@@ -54,8 +50,7 @@ TEST(Sha256, AgreesWithSha256sum) {
     h.update(bytes.data() + at, std::min(step, bytes.size() - at));
   EXPECT_EQ(h.finishHex(), want.back());
   EXPECT_EQ(tov::fileSha(dir + "missing"), "");
-  // A silent fallback on a machine with the extensions would hide a broken
-  // detection.
+  // A silent fallback on a machine with the extensions would hide a broken detection.
   std::ifstream cpu("/proc/cpuinfo");
   const std::string all((std::istreambuf_iterator<char>(cpu)), {});
   if (!all.empty()) EXPECT_EQ(tov::sha256UsesShaNi(), all.find(" sha_ni") != std::string::npos);

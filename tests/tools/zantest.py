@@ -51,3 +51,13 @@ def self_signed(d):
                     "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", d + "/key.pem", "-out", d + "/cert.pem"],
                    check=True, capture_output=True)
     return d + "/cert.pem", d + "/key.pem"
+
+
+WRAPPER = [opts["--wrapper"]] if opts.get("--wrapper") else []  # wine, for a Windows build
+
+
+def home_env(home, wine=None):
+    """The environment of a zan run in HOME home; wine passes HOME to Windows programs only as WINEHOME."""
+    e = {k: v for k, v in os.environ.items() if k.startswith("WINE")}
+    e.update({"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "WINEHOME" if (WRAPPER if wine is None else wine) else "HOME": home})
+    return e
