@@ -297,14 +297,7 @@ TEST(ZanbInsn, Conversions) {
 // Loads read the bytes at 0x100; stores write slot 2 over the eight 0xEE
 // bytes at 0x10, read back as one i64. An empty `err` means no trap.
 TEST(ZanbInsn, LoadsAndStores) {
-  struct L {
-    uint8_t op;
-    uint32_t type;
-    uint64_t base;
-    uint32_t off;
-    uint64_t want;
-    std::string err;
-  };
+  struct L { uint8_t op; uint32_t type; uint64_t base; uint32_t off; uint64_t want; std::string err; };
   Prog p;
   p.seg(0, "\x5A");
   p.seg(0x10, std::string(8, '\xEE'));

@@ -37,12 +37,7 @@ TEST(ZanbVm, EntryAndLoadFailures) {
   const char* cap = "zanb: data segment extends memory beyond what can be allocated";
   const char* segLim = "zanb: data segment extends memory beyond the configured limit";
   const uint64_t k4G = 0x100000000;
-  struct Row {
-    const char* what;
-    uint32_t funcs, slots, entry;
-    uint64_t minPages, memLimit, segAt;
-    const char* err;
-  };
+  struct Row { const char* what; uint32_t funcs, slots, entry; uint64_t minPages, memLimit, segAt; const char* err; };
   const Row rows[] = {
       {"empty entry exits 0", 1, 0, 0, 0, k4G, 0, ""},
       {"no functions", 0, 0, 0, 0, k4G, 0, "zanb: module has no functions"},

@@ -26,12 +26,7 @@ std::string u64(uint64_t v) { return std::string(reinterpret_cast<const char*>(&
 std::string str(const std::string& s) { return u64(s.size()) + s; }
 std::string kv(const std::string& key, uint32_t type, const std::string& value) { return str(key) + u32(type) + value; }
 
-struct Tensor {
-  std::string name;
-  std::vector<uint64_t> dims;
-  uint32_t type;
-  uint64_t offset;
-};
+struct Tensor { std::string name; std::vector<uint64_t> dims; uint32_t type; uint64_t offset; };
 
 // A file with these entries and tensors; the data section (32-aligned)
 // holds `data` bytes.
@@ -87,10 +82,7 @@ TEST(Gguf, ReadsAGoodFile) {
 }
 
 TEST(Gguf, RefusesHostileFiles) {
-  const struct {
-    std::string file;
-    const char* err;
-  } cases[] = {
+  const struct { std::string file; const char* err; } cases[] = {
       {"GGML" + std::string(60, '\0'), "not a GGUF file (bad magic)"},
       {file(kMeta, kTensors, kData, 1), "unsupported GGUF version 1 (2 and 3 are read)"},
       {"GGUF" + u32(3) + u64(0) + u64(~0ULL), "metadata count 18446744073709551615 is more than the file holds"},

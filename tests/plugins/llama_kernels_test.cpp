@@ -84,10 +84,7 @@ TEST(LlamaKernels, F32ToF16OutOfRange) {
 TEST(LlamaKernels, Bf16AndTypeTables) {
   EXPECT_EQ(bf16ToF32(0xc049), -3.140625f);
   EXPECT_EQ(bf16ToF32(0x0001), 0x1p-133f);
-  struct RowCase {
-    DType t;
-    size_t cols, bytes;
-  };
+  struct RowCase { DType t; size_t cols, bytes; };
   const RowCase rows[] = {{kF32, 96, 384}, {kF16, 96, 192}, {kBF16, 96, 192}, {kQ8_0, 96, 102},
                           {kQ4_0, 96, 54}, {kQ8_0, 40, 0},  {kQ4_0, 33, 0},   {DType(3), 64, 0},
                           {kQ2_K, 512, 168}, {kQ3_K, 256, 110}, {kQ4_K, 256, 144}, {kQ5_K, 256, 176},
@@ -341,10 +338,7 @@ void expectCovers(ThreadPool& pool, size_t n) {
 }
 
 TEST(LlamaKernels, ThreadPoolCoversEveryIndexOnce) {
-  struct Case {
-    unsigned threads;
-    size_t n;
-  };
+  struct Case { unsigned threads; size_t n; };
   const Case cases[] = {{1, 0}, {1, 5},  {3, 0},      {3, 1},     {3, 2}, {4, 3},
                         {2, 1}, {3, 7}, {2, 100000}, {4, 1000003}};
   for (const Case& c : cases) {
