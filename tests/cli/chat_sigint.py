@@ -62,9 +62,6 @@ class Session:
         self.taken += at
         return seen[:at].decode("utf-8", "replace")
 
-    def send(self, data):
-        os.write(self.fd, data)
-
     def finish(self):
         """Drains the output and gives the exit status."""
         self.end = time.monotonic() + DEADLINE_SECONDS
@@ -87,16 +84,16 @@ def main():
     try:
         s.expect("User: ")
         for turn in ("first", "second"):
-            s.send(turn.encode() + (b"\r" if wrapper else b"\n"))  # Enter
+            os.write(s.fd, turn.encode() + (b"\r" if wrapper else b"\n"))  # Enter
             s.expect("Model: ")
             s.expect("tick tick ")       # streaming is under way
-            s.send(b"\x03")              # the terminal's interrupt character
+            os.write(s.fd, b"\x03")  # the terminal's interrupt character
             s.expect("[stopped]")        # the runtime saw its stop word
             s.expect("User: ")           # and the loop asks again
-        s.send(b"\x03")                  # at the prompt: no effect
+        os.write(s.fd, b"\x03")  # at the prompt: no effect
         # end of input; wine's console gives no end for Ctrl-Z, so there the
         # chat is left with /exit
-        s.send(b"/exit\r" if wrapper else b"\x04")
+        os.write(s.fd, b"/exit\r" if wrapper else b"\x04")
         status = s.finish()
     except AssertionError as e:
         os.kill(s.pid, 9)

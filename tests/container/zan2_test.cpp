@@ -213,13 +213,10 @@ TEST(Zan2, WriterRoundTrip) {
   EXPECT_EQ(r.header().layers, 32u);
   EXPECT_EQ(r.header().tensorCount, m.specs.size());
 
-  uint32_t u = 0;
-  ASSERT_TRUE(r.getMetaU32("container.kind", u));
-  EXPECT_EQ(u, 1u);
-  ASSERT_TRUE(r.getMetaU32("container.version", u));
-  EXPECT_EQ(u, 2u);
-  ASSERT_TRUE(r.getMetaU32("llama.block_count", u));
-  EXPECT_EQ(u, 32u);
+  for (auto [key, want] : {std::pair{"container.kind", 1u}, {"container.version", 2u}, {"llama.block_count", 32u}}) {
+    uint32_t u = 0;
+    EXPECT_TRUE(r.getMetaU32(key, u) && u == want) << key << " " << u;
+  }
   uint64_t u64v = 0;
   ASSERT_TRUE(r.getMetaU64("llama.block_count", u64v));
   EXPECT_EQ(u64v, 64u);
