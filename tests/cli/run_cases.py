@@ -137,11 +137,8 @@ def run(c, args, zan, tools, plugins):
         for kind, name, data, size, ex in c["fix"]:
             target = os.path.join(tmp, sub(name))
             os.makedirs(os.path.dirname(target), exist_ok=True)
-            if kind == "link":
-                os.symlink(sub(data), target)
-                continue
-            if kind == "copy":
-                shutil.copyfile(sub(data), target)
+            if kind in ("link", "copy"):
+                (os.symlink if kind == "link" else shutil.copyfile)(sub(data), target)
                 continue
             if kind == "zana":
                 src = os.path.join(tmp, ".src.zana")
