@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -18,12 +19,6 @@
 namespace {
 
 using namespace llama;
-
-float bitsFloat(uint32_t u) {
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
 
 // IEEE half value from its fields, independent of the code under test.
 double halfValue(uint16_t h) {
@@ -107,13 +102,9 @@ struct Weights {
     const uint8_t* row = data() + r * rowBytes;
     auto u16 = [](const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); };
     switch (t) {
-      case kF32: {
-        float f;
-        std::memcpy(&f, row + 4 * c, 4);
-        return f;
-      }
+      case kF32: return std::bit_cast<float>(uint32_t(u16(row + 4 * c) | u16(row + 4 * c + 2) << 16));
       case kF16: return halfValue(u16(row + 2 * c));
-      case kBF16: return double(bitsFloat(uint32_t(u16(row + 2 * c)) << 16));
+      case kBF16: return double(std::bit_cast<float>(uint32_t(u16(row + 2 * c)) << 16));
       case kQ8_0: {
         const uint8_t* blk = row + (c / 32) * 34;
         return halfValue(u16(blk)) * double(int8_t(blk[2 + c % 32]));
