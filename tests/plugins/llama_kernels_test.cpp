@@ -102,7 +102,7 @@ struct Weights {
     const uint8_t* row = data() + r * rowBytes;
     auto u16 = [](const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); };
     switch (t) {
-      case kF32: return std::bit_cast<float>(uint32_t(u16(row + 4 * c) | u16(row + 4 * c + 2) << 16));
+      case kF32: return std::bit_cast<float>(u16(row + 4 * c) | uint32_t(u16(row + 4 * c + 2)) << 16);
       case kF16: return halfValue(u16(row + 2 * c));
       case kBF16: return double(std::bit_cast<float>(uint32_t(u16(row + 2 * c)) << 16));
       case kQ8_0: {
