@@ -7,7 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "base/json.h"
@@ -20,9 +20,7 @@ using tov::json::Value;
 
 std::string readFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
+  return {std::istreambuf_iterator<char>(f), {}};
 }
 
 // Empty on success, else the message.
