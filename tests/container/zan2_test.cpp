@@ -218,17 +218,13 @@ TEST(Zan2, WriterRoundTrip) {
     EXPECT_TRUE(r.getMetaU32(key, u) && u == want) << key << " " << u;
   }
   uint64_t u64v = 0;
-  ASSERT_TRUE(r.getMetaU64("llama.block_count", u64v));
-  EXPECT_EQ(u64v, 64u);
   int32_t i32 = 0;
-  ASSERT_TRUE(r.getMetaI32("neg", i32));
-  EXPECT_EQ(i32, -5);
   float f = 0;
-  ASSERT_TRUE(r.getMetaF32("eps", f));
-  EXPECT_EQ(f, 1e-5f);
   std::string s;
-  ASSERT_TRUE(r.getMetaStr("general.architecture", s));
-  EXPECT_EQ(s, "llama");
+  EXPECT_TRUE(r.getMetaU64("llama.block_count", u64v) && u64v == 64u) << u64v;
+  EXPECT_TRUE(r.getMetaI32("neg", i32) && i32 == -5) << i32;
+  EXPECT_TRUE(r.getMetaF32("eps", f) && f == 1e-5f) << f;
+  EXPECT_TRUE(r.getMetaStr("general.architecture", s) && s == "llama") << s;
   const uint32_t* vals = nullptr;
   uint32_t n = 0;
   ASSERT_TRUE(r.getMetaU32Array("arr", vals, n));
