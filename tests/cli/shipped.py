@@ -122,11 +122,9 @@ def main():
             check(dtype == GGML[t["type"]] and dims == t["dims"] and data == gg[start:start + t["size"]],
                   f"{name}: tensor {t['name']} differs from the GGUF file")
         check(len(tensors) == e["tensor_count"], f"{name}: {len(tensors)} tensors")
-        for src, key in [("llama.embedding_length", "model.embedding_length"), ("llama.block_count", "model.block_count"),
-                         ("llama.feed_forward_length", "model.feed_forward_length"),
-                         ("llama.attention.head_count", "model.head_count"),
-                         ("llama.attention.head_count_kv", "model.head_count_kv"),
-                         ("llama.context_length", "model.context_length")]:
+        for k in ("embedding_length", "block_count", "feed_forward_length", "attention.head_count",
+                  "attention.head_count_kv", "context_length"):
+            src, key = "llama." + k, "model." + k.replace("attention.", "")
             check(meta.get(key) == kv[src]["value"], f"{name}: {key} is {meta.get(key)}, GGUF says {kv[src]['value']}")
         check(meta.get("container.kind") == 1 and meta.get("container.version") == 2, f"{name}: container keys")
         tokens = kv["tokenizer.ggml.tokens"]
