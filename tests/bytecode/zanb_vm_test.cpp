@@ -101,11 +101,7 @@ TEST(ZanbVm, StepLimitCountsEveryInstruction) {
 // main is [call f1] at pc 0, so the function under test starts at pc 1.
 // Function 2 is empty with 3 params, 3 empty with none, 4 empty with 2^32 - 1
 // params, and 5 empty with 2^32 - 1 slots. Two globals, one data segment.
-struct TrapRow {
-  uint32_t slots;
-  std::vector<Insn> body;
-  std::string err;  // empty: runs to its end
-};
+struct TrapRow { uint32_t slots; std::vector<Insn> body; std::string err; };  // err empty: runs to its end
 
 void runTrapRows(const std::vector<TrapRow>& rows) {
   for (size_t i = 0; i < rows.size(); i++) {
