@@ -139,11 +139,7 @@ TEST(Json, Writers) {
 }
 
 TEST(Json, StringField) {
-  const struct {
-    const char* text;
-    const char* key;
-    const char* want;  // "KEEP": out unchanged
-  } cases[] = {
+  const struct { const char* text; const char* key; const char* want; } cases[] = {  // want "KEEP": out unchanged
       {"{\"entry\": \"main.zanb\"}", "entry", "main.zanb"},
       {"{\"entry\":\t\n \"a\\\"b\\nc\\\\\"}", "entry", "a\"bnc\\"}, {"{\"entry\": 5}", "entry", "KEEP"},
       {"{\"name\": \"entry\", \"x\": \"y\"}", "entry", "y"},  // the value matched; the next colon is taken

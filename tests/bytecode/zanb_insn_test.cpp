@@ -233,10 +233,7 @@ TEST(ZanbInsn, Branches) {
 
 // Conversions by name: a name in the wrong place of the table fails here too.
 TEST(ZanbInsn, Conversions) {
-  struct C {
-    const char* name;
-    std::vector<std::pair<uint64_t, uint64_t>> cases;  // source bits, result bits
-  };
+  struct C { const char* name; std::vector<std::pair<uint64_t, uint64_t>> cases; };  // cases: source bits, result bits
   const C rows[] = {
       {"i32.wrap_i64", {{0x123456789ABCDEF0, 0x9ABCDEF0}}},
       {"i64.extend_i32_s", {{I32MIN, 0xFFFFFFFF80000000}, {0xFFFFFFFF7FFFFFFF, 0x7FFFFFFF}}},

@@ -149,10 +149,7 @@ TEST(ZanApp, HostileContainers) {
   const uint64_t payAt = 192, idxAt = 192 + 8;
   const std::string body = std::string("PAY") + std::string(5, '\0') + idx;
   const std::string huge = "644 18446744073709551615 2 w\n";  // offset + size wraps
-  const struct {
-    std::string file;
-    const char* err;  // null: reads
-  } cases[] = {
+  const struct { std::string file; const char* err; } cases[] = {  // err null: reads
       {"", "cannot read @"}, {std::string(63, 'Z'), "cannot read @"},
       {"ZAN3" + std::string(100, '\0'), "not an ZAN container"}, {container({}, "", 0), "bad section count"},
       {container({}, "", 65537), "bad section count"},

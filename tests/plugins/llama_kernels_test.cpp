@@ -207,11 +207,7 @@ void expectClose(const Weights& w, const std::vector<float>& x, const std::vecto
   }
 }
 
-struct TypeCase {
-  DType t;
-  const char* name;
-  double tol;  // relative to sum|w*x|
-};
+struct TypeCase { DType t; const char* name; double tol; };  // tol relative to sum|w*x|
 // Quantised types round x to 8 bits per block: up to max|x|/254 per element.
 const TypeCase kTypes[] = {
     {kF32, "F32", 1e-5},  {kF16, "F16", 1e-5},  {kBF16, "BF16", 1e-5}, {kQ8_0, "Q8_0", 1e-2}, {kQ4_0, "Q4_0", 1e-2},
