@@ -76,10 +76,7 @@ TEST(ZanApp, CollectWalksAndSkips) {
                                    "main.zanb",  "real.txt",       "run.sh"};
   if (!kPosixFiles) want.erase(want.begin() + 3);
   ASSERT_EQ(paths(files), want);
-  if (kPosixFiles) {
-    EXPECT_EQ(files[3].bytes, "target");
-    EXPECT_EQ(files[6].mode, 0755u);
-  }
+  if (kPosixFiles) { EXPECT_EQ(files[3].bytes, "target"); EXPECT_EQ(files[6].mode, 0755u); }
   EXPECT_EQ(files[0].mode, 0644u);
   EXPECT_EQ(o.platform, "zanb");
   EXPECT_EQ(o.entry, "main.zanb");

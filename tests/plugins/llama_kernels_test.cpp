@@ -130,10 +130,7 @@ Weights makeWeights(DType t, size_t rows, size_t cols, uint32_t seed) {
   Weights w{t, rows, cols, rowBytes(t, cols), {}, 1 + seed % 7};
   w.storage.resize(w.offset + rows * w.rowBytes);
   uint8_t* p = w.data();
-  auto put16 = [](uint8_t* q, uint16_t v) {
-    q[0] = uint8_t(v);
-    q[1] = uint8_t(v >> 8);
-  };
+  auto put16 = [](uint8_t* q, uint16_t v) { q[0] = uint8_t(v); q[1] = uint8_t(v >> 8); };
   std::uniform_real_distribution<float> uni(-1.f, 1.f);
   for (size_t r = 0; r < rows; ++r) {
     uint8_t* row = p + r * w.rowBytes;
