@@ -24,10 +24,7 @@ inline const std::string& testTempDir() {
       std::filesystem::remove_all(path);
       std::filesystem::create_directories(path);
     }
-    ~Dir() {
-      std::error_code ec;
-      std::filesystem::remove_all(path, ec);
-    }
+    ~Dir() { std::error_code ec; std::filesystem::remove_all(path, ec); }
   };
   static const Dir dir;
   static const std::string text = dir.path.string() + "/";

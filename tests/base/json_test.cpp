@@ -7,7 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "base/json.h"
@@ -20,9 +20,7 @@ using tov::json::Value;
 
 std::string readFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
+  return {std::istreambuf_iterator<char>(f), {}};
 }
 
 // Empty on success, else the message.
@@ -56,9 +54,7 @@ TEST(Json, ConformanceCorpus) {
 
 TEST(Json, Outcomes) {
   const std::string n63 = "1" + std::string(61, '0') + "5", n64 = "-" + n63;
-  const struct {
-    std::string text, message;
-  } cases[] = {
+  const struct { std::string text, message; } cases[] = {
       {"", "json: unexpected end"}, {" \t\r\n", "json: unexpected end"}, {"{ \n}", ""}, {"[ ]", ""},
       {"[1,]", "json: unexpected char"}, {"{\"a\":1,}", "json: object key"}, {"{1:2}", "json: object key"},
       {"{\"a\" 1}", "json: colon"}, {"{\"a\":1 \"b\":2}", "json: comma"}, {"[1 2]", "json: comma"},
@@ -111,10 +107,7 @@ TEST(Json, NullInputAndDepthLimit) {
 }
 
 TEST(Json, AsInt) {
-  const struct {
-    const char* text;
-    int64_t want;
-  } cases[] = {
+  const struct { const char* text; int64_t want; } cases[] = {
       {"3.5", -7},  {"3.0", 3},   {"\"3\"", -7}, {"-0", 0},
       {"1e300", -7}, {"9223372036854775807", -7},  // rounds to 2^63, out of range
       {"-9223372036854775808", INT64_MIN}, {"9007199254740993", 9007199254740992}, {"true", -7},
@@ -146,11 +139,7 @@ TEST(Json, Writers) {
 }
 
 TEST(Json, StringField) {
-  const struct {
-    const char* text;
-    const char* key;
-    const char* want;  // "KEEP": out unchanged
-  } cases[] = {
+  const struct { const char* text; const char* key; const char* want; } cases[] = {  // want "KEEP": out unchanged
       {"{\"entry\": \"main.zanb\"}", "entry", "main.zanb"},
       {"{\"entry\":\t\n \"a\\\"b\\nc\\\\\"}", "entry", "a\"bnc\\"}, {"{\"entry\": 5}", "entry", "KEEP"},
       {"{\"name\": \"entry\", \"x\": \"y\"}", "entry", "y"},  // the value matched; the next colon is taken

@@ -19,9 +19,7 @@ using namespace tov::zanb;
 inline Insn op(uint8_t o, uint32_t a = 0, uint32_t b = 0, uint32_t c = 0, uint32_t type = 0) {
   return Insn{uint32_t(o) | (type << 8), a, b, c};
 }
-inline Insn konst(uint32_t slot, uint64_t v) {
-  return op(Op_const, slot, uint32_t(v), uint32_t(v >> 32), kI64);
-}
+inline Insn konst(uint32_t slot, uint64_t v) { return op(Op_const, slot, uint32_t(v), uint32_t(v >> 32), kI64); }
 inline Insn sys(uint32_t n, uint32_t res, uint32_t base) { return op(Op_syscall, n, res, base); }
 inline Insn call(uint32_t res, uint32_t fn, uint32_t base) { return op(Op_call, res, fn, base); }
 inline Insn exitWith(uint32_t slot) { return sys(0, slot, slot); }
@@ -50,9 +48,7 @@ struct Prog {
     segs.push_back(DataSeg{memOff, bytes.size(), data.size()});
     data.insert(data.end(), bytes.begin(), bytes.end());
   }
-  std::vector<uint8_t> bytes() const {
-    return writeModule(header, funcs, globals, segs, "", data, code);
-  }
+  std::vector<uint8_t> bytes() const { return writeModule(header, funcs, globals, segs, "", data, code); }
 };
 
 struct Result { int rc = 0; std::string err, out, errOut; };

@@ -233,10 +233,7 @@ TEST(ZanbInsn, Branches) {
 
 // Conversions by name: a name in the wrong place of the table fails here too.
 TEST(ZanbInsn, Conversions) {
-  struct C {
-    const char* name;
-    std::vector<std::pair<uint64_t, uint64_t>> cases;  // source bits, result bits
-  };
+  struct C { const char* name; std::vector<std::pair<uint64_t, uint64_t>> cases; };  // cases: source bits, result bits
   const C rows[] = {
       {"i32.wrap_i64", {{0x123456789ABCDEF0, 0x9ABCDEF0}}},
       {"i64.extend_i32_s", {{I32MIN, 0xFFFFFFFF80000000}, {0xFFFFFFFF7FFFFFFF, 0x7FFFFFFF}}},
@@ -297,14 +294,7 @@ TEST(ZanbInsn, Conversions) {
 // Loads read the bytes at 0x100; stores write slot 2 over the eight 0xEE
 // bytes at 0x10, read back as one i64. An empty `err` means no trap.
 TEST(ZanbInsn, LoadsAndStores) {
-  struct L {
-    uint8_t op;
-    uint32_t type;
-    uint64_t base;
-    uint32_t off;
-    uint64_t want;
-    std::string err;
-  };
+  struct L { uint8_t op; uint32_t type; uint64_t base; uint32_t off; uint64_t want; std::string err; };
   Prog p;
   p.seg(0, "\x5A");
   p.seg(0x10, std::string(8, '\xEE'));

@@ -37,12 +37,7 @@ TEST(ZanbVm, EntryAndLoadFailures) {
   const char* cap = "zanb: data segment extends memory beyond what can be allocated";
   const char* segLim = "zanb: data segment extends memory beyond the configured limit";
   const uint64_t k4G = 0x100000000;
-  struct Row {
-    const char* what;
-    uint32_t funcs, slots, entry;
-    uint64_t minPages, memLimit, segAt;
-    const char* err;
-  };
+  struct Row { const char* what; uint32_t funcs, slots, entry; uint64_t minPages, memLimit, segAt; const char* err; };
   const Row rows[] = {
       {"empty entry exits 0", 1, 0, 0, 0, k4G, 0, ""},
       {"no functions", 0, 0, 0, 0, k4G, 0, "zanb: module has no functions"},
@@ -106,11 +101,7 @@ TEST(ZanbVm, StepLimitCountsEveryInstruction) {
 // main is [call f1] at pc 0, so the function under test starts at pc 1.
 // Function 2 is empty with 3 params, 3 empty with none, 4 empty with 2^32 - 1
 // params, and 5 empty with 2^32 - 1 slots. Two globals, one data segment.
-struct TrapRow {
-  uint32_t slots;
-  std::vector<Insn> body;
-  std::string err;  // empty: runs to its end
-};
+struct TrapRow { uint32_t slots; std::vector<Insn> body; std::string err; };  // err empty: runs to its end
 
 void runTrapRows(const std::vector<TrapRow>& rows) {
   for (size_t i = 0; i < rows.size(); i++) {

@@ -29,11 +29,7 @@ fs::path freshRoot(const char* name) {
 
 TEST(Devices, CpuInfo) {
   const unsigned osCount = zanCompatCpuCount();
-  const struct {
-    const char* cpuinfo;  // null: no file
-    const char* model;
-    unsigned count;
-  } cases[] = {
+  const struct { const char* cpuinfo, *model; unsigned count; } cases[] = {  // cpuinfo null: no file
       {"processor\t: 0\nmodel name\t: \t Test CPU 9000\r\nprocessor\t: 1\nmodel name\t: Other\n", "Test CPU 9000", 2},
       {"processor : 0\nmodel name without colon\nmodel name :\nmodel name: Late\n", "Late", 1},
       {"model name\t: Only a model\n", "Only a model", osCount},  // no processor lines

@@ -1,42 +1,35 @@
 #!/usr/bin/env python3
-"""Runs the CLI cases of .case files against a built zan and compares stdout,
-stderr and the exit code exactly.
-
+"""Runs the cases of .case files against a built zan; stdout, stderr and the
+exit code must match exactly.
     run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR]
                  [--platform linux|windows] [--wrapper PROGRAM] FILE.case...
+--platform windows: a Windows build (zan.exe, .dll plugins), run through
+--wrapper (wine) when given.
 
---platform windows checks a Windows build (zan.exe, .dll plugins), run
-through --wrapper (wine) when given.
-
-A file is a list of sections, each opened by a line "=== TITLE"; "=== text
-NAME" holds a named text (its lines up to the next section). A case has
-header lines, then blocks, each opened by a "--- " line:
-
-    args: run "two words" x.zanb   words after `zan`, split as a shell would;
-                                   several args lines run the case once each
-    env: NAME=VALUE                 one variable (repeatable); env lines before
-                                    the first section apply to every case
-    exit: N                         the expected exit code (default 0)
-    env windows: / exit windows:    the same for a Windows build, where it differs
-    --- stdout|stderr [text=NAME] [noeol] [hex] [part]   expected output
-                                    (missing: empty; part: found within it;
-                                    "--- stdout windows ..." for a Windows build
-                                    where the text really differs)
-    --- stdin                       standard input
-    --- file NAME [size=N] [text=T] [exec]        a text fixture
-    --- zana NAME [size=N]          ZANA text, assembled by zana2zanb into NAME
-    --- hex NAME [size=N] [text=T]  bytes: "5a41", "BB*N" (N copies), "quoted
-                                    text" (\\n \\t \\0 \\" \\\\), "#" comments
-    --- link NAME / --- copy NAME   a symbolic link to / a copy of the body's line
-
-Bodies end each line with a line feed (noeol: not the last); trailing blank
-lines and "#" lines before the next section are dropped; a leading backslash
-is dropped ("\\---", "\\#", a lone "\\" for a kept empty line); "@@ N TEXT"
-stands for N lines of TEXT with {i} counting from 0. size=N cuts
-or zero-pads. @TMP@ (the case's directory, also its cwd and HOME), @ZAN@ and
-@PLUGINS@ and @SO@ (".so", or ".dll" on Windows) are replaced in args, env,
-stdin, fixture names, text fixtures, link and copy bodies and expected output. zan runs as a copy in a directory of its own,
-with only PATH, HOME and the env lines set.
+Sections open with "=== TITLE"; "=== text NAME" is a named text (its lines up
+to the next section). A case: header lines, then blocks opened by "--- ":
+    args: run "two words" x.zanb   zan's arguments, split as a shell would;
+                                   each args line runs the case once
+    env: NAME=VALUE                one variable (repeatable; before the first
+                                   section: for every case)
+    exit: N                        the exit code (default 0)
+    env windows: / exit windows:   a Windows build's own value
+    --- stdout|stderr [text=NAME] [noeol] [hex] [part] [windows]
+                                   expected output (missing: empty; part: found
+                                   within it; windows: a Windows build's own)
+    --- stdin                      standard input
+    --- file NAME [size=N] [text=T] [exec]    a text fixture
+    --- zana NAME [size=N]         ZANA text, assembled by zana2zanb into NAME
+    --- hex NAME [size=N] [text=T] bytes: "5a41", "BB*N" (N copies), "quoted
+                                   text" (\\n \\t \\0 \\" \\\\), "#" comments
+    --- link NAME / --- copy NAME  a symbolic link to / a copy of the body's line
+Body lines end with a line feed (noeol: not the last); trailing blank and "#"
+lines are dropped; a leading backslash is dropped ("\\---", "\\#", a lone "\\"
+for a kept empty line); "@@ N TEXT" is N lines of TEXT, {i} counting from 0;
+size=N cuts or zero-pads. @TMP@ (the case's directory, cwd and HOME), @ZAN@,
+@PLUGINS@ and @SO@ (".so" or ".dll") are replaced in args, env, stdin, fixture
+names and texts, link and copy bodies and expected output. zan runs as a copy
+in a directory of its own with only PATH, HOME and the env lines set.
 """
 import argparse, os, re, shlex, shutil, subprocess, sys, tempfile
 
@@ -144,11 +137,8 @@ def run(c, args, zan, tools, plugins):
         for kind, name, data, size, ex in c["fix"]:
             target = os.path.join(tmp, sub(name))
             os.makedirs(os.path.dirname(target), exist_ok=True)
-            if kind == "link":
-                os.symlink(sub(data), target)
-                continue
-            if kind == "copy":
-                shutil.copyfile(sub(data), target)
+            if kind in ("link", "copy"):
+                (os.symlink if kind == "link" else shutil.copyfile)(sub(data), target)
                 continue
             if kind == "zana":
                 src = os.path.join(tmp, ".src.zana")

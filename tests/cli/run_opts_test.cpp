@@ -28,10 +28,7 @@ bool parse(const std::vector<std::string>& words, RunOpts& opts, std::string& er
 std::string plan(const RunOpts& o) { return makeCreateHint("b", o); }
 
 TEST(RunOpts, Refusals) {
-  const struct {
-    std::vector<std::string> words;
-    const char* err;
-  } cases[] = {
+  const struct { std::vector<std::string> words; const char* err; } cases[] = {
       {{"-n"}, "zan: missing value for -n\n"}, {{"--temp"}, "zan: missing value for --temp\n"},
       {{"-g", "0"}, "zan: missing value for -g\n"},
       {{"-c", "0"}, "zan: -context needs a positive token count\n"},
@@ -62,11 +59,7 @@ TEST(RunOpts, Refusals) {
 }
 
 TEST(RunOpts, DevicePlans) {
-  const struct {
-    std::vector<std::string> words;
-    const char* hint;
-    const char* cfg;
-  } cases[] = {
+  const struct { std::vector<std::string> words; const char* hint; const char* cfg; } cases[] = {
       {{"-g", "0", "20"}, "b;plan=g0:20,c0:all;", "[cfg] devices: gpu0=20 cpu0=all\n"},
       {{"-cpu", "1", "8"}, "b;plan=c1:8,g1:all;", "[cfg] devices: cpu1=8 gpu1=all\n"},
       {{"-cpu", "0", "4", "-g", "0", "all"}, "b;plan=c0:4,g0:all;", "[cfg] devices: cpu0=4 gpu0=all\n"},

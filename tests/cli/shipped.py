@@ -1,94 +1,65 @@
 #!/usr/bin/env python3
-"""The plugins we ship, found beside the built zan with no setting at all.
+"""The plugins we ship, found beside the built zan with no setting at all:
+shipped.py --zan PATH --gguf-gen PATH --work DIR [--wrapper PROGRAM (wine)].
+Converts gguf_gen's files and checks the container independently against the
+GGUF file; refusals name the problem and leave nothing behind."""
+import json, os, re, struct, subprocess, sys
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, check, finish
 
-    shipped.py --zan PATH --gguf-gen PATH --work DIR [--wrapper PROGRAM]
-
---wrapper runs a Windows build through wine. Converts gguf_gen's files and
-checks the container here, independently, against the GGUF file; refusals
-name the problem and leave nothing behind; the host CPU backend's device line.
-"""
-import argparse
-import json
-import os
-import re
-import struct
-import subprocess
-import sys
-
-failures = []
+WRAPPER = [opts["--wrapper"]] if opts.get("--wrapper") else []
+WORK, ZAN, GEN = opts["--work"], os.path.realpath(opts["--zan"]), opts["--gguf-gen"]
 
 
-def check(cond, what):
-    if not cond:
-        failures.append(what)
-    return cond
-
-
-def zan(opts, *args):
+def zan(*args):
     env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
-    if opts.wrapper:
+    if WRAPPER:
         env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
-    r = subprocess.run(opts.wrapper + [opts.zan] + list(args), capture_output=True, text=True, env=env,
-                       cwd=opts.work)
+    r = subprocess.run(WRAPPER + [ZAN, *args], capture_output=True, text=True, env=env, cwd=WORK)
     return r.returncode, r.stdout, r.stderr
 
 
 def read_zan2(path):
     """Meta entries, tokenizer vocabulary, and tensors {name: (dtype, dims, bytes)}."""
     data = open(path, "rb").read()
-    count = struct.unpack_from("<I", data, 12)[0]
+    u = lambda f, at: struct.unpack_from(f, data, at)
     secs = {}
-    for i in range(count):
-        t, _, off, size = struct.unpack_from("<IIQQ", data, 64 + 24 * i)
+    for i in range(u("<I", 12)[0]):
+        t, _, off, size = u("<IIQQ", 64 + 24 * i)
         secs.setdefault(t, (off, size))
-    meta = {}
-    off, size = secs[1]
-    n = struct.unpack_from("<I", data, off)[0]
-    p = off + 4
-    for _ in range(n):
-        klen = struct.unpack_from("<H", data, p)[0]
-        key = data[p + 2:p + 2 + klen].decode()
-        t = data[p + 2 + klen]
-        p += 3 + klen
-        if t in (0, 1, 2):
-            meta[key] = struct.unpack_from(["<I", "<i", "<f"][t], data, p)[0]
-            p += 4
-        elif t == 3:
-            meta[key] = struct.unpack_from("<Q", data, p)[0]
-            p += 8
+
+    def string(p, w):  # a length of w bytes, then the text: (text, next offset)
+        n = u("<H" if w == 2 else "<I", p)[0]
+        return data[p + w:p + w + n], p + w + n
+    meta, p = {}, secs[1][0] + 4
+    for _ in range(u("<I", secs[1][0])[0]):
+        key, p = string(p, 2)
+        t, p = data[p], p + 1
+        if t < 4:
+            meta[key.decode()], p = u(["<I", "<i", "<f", "<Q"][t], p)[0], p + (8 if t == 3 else 4)
         elif t == 4:
-            ln = struct.unpack_from("<I", data, p)[0]
-            meta[key] = data[p + 4:p + 4 + ln].decode()
-            p += 4 + ln
+            v, p = string(p, 4)
+            meta[key.decode()] = v.decode()
         else:
-            ln = struct.unpack_from("<I", data, p)[0]
-            meta[key] = list(struct.unpack_from(f"<{ln}I", data, p + 4))
-            p += 4 + 4 * ln
+            n = u("<I", p)[0]
+            meta[key.decode()], p = list(u(f"<{n}I", p + 4)), p + 4 + 4 * n
     vocab = []
     if 2 in secs:
-        off, _ = secs[2]
-        assert data[off:off + 4] == b"TKNZ"
-        p = off + 4
-        ln = struct.unpack_from("<I", data, p)[0]
-        p += 4 + ln
-        n = struct.unpack_from("<I", data, p)[0]
-        p += 4
+        p = secs[2][0]
+        assert data[p:p + 4] == b"TKNZ"
+        _, p = string(p + 4, 4)
+        n, p = u("<I", p)[0], p + 4
         for _ in range(n):
-            ln = struct.unpack_from("<I", data, p)[0]
-            vocab.append(data[p + 4:p + 4 + ln].decode("utf-8", "surrogateescape"))
-            p += 4 + ln
-    tensors = {}
-    tcount = struct.unpack_from("<I", data, 40)[0]
-    ioff, _ = secs[4]
-    woff, _ = secs[5]
+            v, p = string(p, 4)
+            vocab.append(v.decode("utf-8", "surrogateescape"))
+    tensors, tcount, ioff, woff = {}, u("<I", 40)[0], secs[4][0], secs[5][0]
     for i in range(tcount):
         rec = data[ioff + 128 * i:ioff + 128 * (i + 1)]
         name = rec[:64].rstrip(b"\0").decode()
         dtype, ndim = struct.unpack_from("<HH", rec, 66)
-        dims = list(struct.unpack_from("<4Q", rec, 72))[:ndim]
         toff, tsize = struct.unpack_from("<QQ", rec, 104)
         check(toff % 64 == 0, f"{path}: tensor {name} is not 64-aligned")
-        tensors[name] = (dtype, dims, data[woff + toff:woff + toff + tsize])
+        tensors[name] = (dtype, list(struct.unpack_from("<4Q", rec, 72))[:ndim], data[woff + toff:woff + toff + tsize])
     names = [data[ioff + 128 * i:ioff + 128 * i + 64] for i in range(tcount)]
     check(names == sorted(names), f"{path}: tensor index not sorted")
     return meta, vocab, tensors
@@ -98,20 +69,11 @@ GGML = {"f32": 0, "f16": 1, "q4_0": 2, "q8_0": 8, "bf16": 30}
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--gguf-gen", required=True)
-    ap.add_argument("--work", required=True)
-    ap.add_argument("--wrapper", default="")
-    opts = ap.parse_args()
-    opts.wrapper = [opts.wrapper] if opts.wrapper else []
-    opts.zan = os.path.realpath(opts.zan)
-    os.makedirs(opts.work, exist_ok=True)
-
-    rc, out, err = zan(opts, "importer", "list")
+    os.makedirs(WORK, exist_ok=True)
+    rc, out, err = zan("importer", "list")
     check(rc == 0 and "  gguf       GGUF importer (v2, v3: F32 F16 BF16 Q8_0 Q4_0 Q2_K..Q6_K) caps=0x0 ext=.gguf\n" in out,
           f"importer list: {out}{err}")
-    rc, out, err = zan(opts, "plugins")
+    rc, out, err = zan("plugins")
     check("  zan2             v1  ABI 1  caps=0x0  reads ZAN2 model containers\n" in out, f"plugins: {out}{err}")
 
     model, cores = "host CPU", os.sysconf("SC_NPROCESSORS_ONLN")
@@ -120,15 +82,15 @@ def main():
             model = line.split(":", 1)[1].strip(" \t\r\n") or model
             break
     memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
-    rc, out, err = zan(opts, "backend", "devices", "cpu")
-    if opts.wrapper:  # wine's memory total is its own reading of the machine's, within some pages
+    rc, out, err = zan("backend", "devices", "cpu")
+    if WRAPPER:  # wine's memory total is its own reading of the machine's, within some pages
         m = re.search(r"memory=(\d+) ", out)
         if m and abs(int(m.group(1)) - memory) <= 1 << 20:
             memory = int(m.group(1))
     check(out == f"0: id=cpu0 name={model} ({cores} logical cores) api=1.0 memory={memory} caps=0x1\n",
           f"backend devices cpu: {out}{err}")
     # The CPU backend is a host backend: ls devices keeps it out of the GPUs.
-    rc, out, err = zan(opts, "ls", "devices")
+    rc, out, err = zan("ls", "devices")
     check(rc == 0 and out.startswith(f"CPUs:\n  cpu 0: {cores} logical cores - ") and "backend=cpu " not in out,
           f"ls devices: {out}{err}")
 
@@ -136,15 +98,15 @@ def main():
                ("v3-q4_0-gpt2", ["--type", "q4_0", "--tokenizer", "gpt2"]), ("v3-bf16", ["--type", "bf16"]),
                ("v2-f16-gpt2", ["--version", "2", "--type", "f16", "--tokenizer", "gpt2", "--seed", "9"])]
     for name, args in configs:
-        gguf, dst, exp = (os.path.join(opts.work, name + s) for s in (".gguf", ".zan", ".json"))
-        subprocess.run(opts.wrapper + [opts.gguf_gen, "--out", gguf, "--expect", exp] + args, check=True)
+        gguf, dst, exp = (os.path.join(WORK, name + s) for s in (".gguf", ".zan", ".json"))
+        subprocess.run(WRAPPER + [GEN, "--out", gguf, "--expect", exp] + args, check=True)
         e = json.load(open(exp))
         kv = {m["key"]: m for m in e["metadata"]}
         arch = kv["general.architecture"]["value"]
-        rc, out, err = zan(opts, "importer", "probe", gguf)
+        rc, out, err = zan("importer", "probe", gguf)
         check(rc == 0 and out == f"importer: gguf\nconfidence: 90\nformat: gguf\narchitecture: {arch}\n"
               f"reason: GGUF v{e['version']} header\n", f"{name}: probe: {out}{err}")
-        rc, out, err = zan(opts, "convert", gguf, dst)
+        rc, out, err = zan("convert", gguf, dst)
         size = os.path.getsize(dst) if os.path.exists(dst) else -1
         check(rc == 0 and re.fullmatch(
             rf"ZAN2\n  importer : gguf \(gguf\)\n  arch   : {arch}\n  output : {re.escape(dst)} "
@@ -160,51 +122,46 @@ def main():
             check(dtype == GGML[t["type"]] and dims == t["dims"] and data == gg[start:start + t["size"]],
                   f"{name}: tensor {t['name']} differs from the GGUF file")
         check(len(tensors) == e["tensor_count"], f"{name}: {len(tensors)} tensors")
-        for src, key in [("llama.embedding_length", "model.embedding_length"), ("llama.block_count", "model.block_count"),
-                         ("llama.feed_forward_length", "model.feed_forward_length"),
-                         ("llama.attention.head_count", "model.head_count"),
-                         ("llama.attention.head_count_kv", "model.head_count_kv"),
-                         ("llama.context_length", "model.context_length")]:
+        for k in ("embedding_length", "block_count", "feed_forward_length", "attention.head_count",
+                  "attention.head_count_kv", "context_length"):
+            src, key = "llama." + k, "model." + k.replace("attention.", "")
             check(meta.get(key) == kv[src]["value"], f"{name}: {key} is {meta.get(key)}, GGUF says {kv[src]['value']}")
         check(meta.get("container.kind") == 1 and meta.get("container.version") == 2, f"{name}: container keys")
         tokens = kv["tokenizer.ggml.tokens"]
         check(len(vocab) == tokens["length"] and vocab[:len(tokens["head"])] == tokens["head"]
               and vocab[-1] == tokens["last"], f"{name}: tokenizer vocabulary")
-        rc, out, err = zan(opts, "info", dst)
+        rc, out, err = zan("info", dst)
         rows = sorted(e["tensors"], key=lambda t: t["name"].encode())
         want = f"ZAN model: {dst}\n  version 2 | sections 5 | tensors {e['tensor_count']} | size {size} bytes\n"
         for i, t in enumerate(rows[:8]):
             want += f"  tensor[{i}] {t['name']} dtype={GGML[t['type']]} ndim={len(t['dims'])} size={t['size']}\n"
         want += f"  ... ({e['tensor_count']} tensors total)\n"
         check(rc == 0 and out.startswith(want), f"{name}: info:\n{out}{err}\nwanted to begin with\n{want}")
-        rc, out, err = zan(opts, "type", dst)
+        rc, out, err = zan("type", dst)
         check(rc == 0 and f"  modelType: 1 | sections 5 | tensors {e['tensor_count']}\n  hidden "
               f"{kv['llama.embedding_length']['value']} | layers {kv['llama.block_count']['value']}"
               f" | vocab {kv['llama.vocab_size']['value']}\n" in out, f"{name}: type: {out}{err}")
 
     # Converting again replaces the output (the importer renames over it).
-    again = os.path.join(opts.work, "v3-q8_0.zan")
-    rc, out, err = zan(opts, "convert", os.path.join(opts.work, "v3-q8_0.gguf"), again)
+    again = os.path.join(WORK, "v3-q8_0.zan")
+    rc, out, err = zan("convert", os.path.join(WORK, "v3-q8_0.gguf"), again)
     check(rc == 0 and os.path.getsize(again) > 0, f"convert over an existing output: {out}{err}")
 
     # Refusals leave nothing at the destination.
-    bad = os.path.join(opts.work, "bad.gguf")
-    subprocess.run(opts.wrapper + [opts.gguf_gen, "--out", bad, "--bad-type"], check=True)
-    cut = os.path.join(opts.work, "cut.gguf")
+    bad = os.path.join(WORK, "bad.gguf")
+    subprocess.run(WRAPPER + [GEN, "--out", bad, "--bad-type"], check=True)
+    cut = os.path.join(WORK, "cut.gguf")
     with open(cut, "wb") as f:
-        f.write(open(os.path.join(opts.work, "v3-q8_0.gguf"), "rb").read()[:-1000])
+        f.write(open(os.path.join(WORK, "v3-q8_0.gguf"), "rb").read()[:-1000])
     for src, msg in [(bad, "tensor 'blk.0.attn_q.weight' has type Q4_1, which is not supported "
                            "(F32, F16, BF16, Q8_0, Q4_0, Q2_K, Q3_K, Q4_K, Q5_K, Q6_K are)"),
                      (cut, "tensor 'blk.1.ffn_down.weight' reaches past the end of the file")]:
-        dst = os.path.join(opts.work, "refused.zan")
-        rc, out, err = zan(opts, "convert", src, dst)
+        dst = os.path.join(WORK, "refused.zan")
+        rc, out, err = zan("convert", src, dst)
         check(rc == 1 and err == f"zan convert: importer 'gguf' failed (1): {msg}\n", f"refusal: {err}")
-        check(not any(n.startswith("refused.zan") for n in os.listdir(opts.work)), "a refused convert left a file")
+        check(not any(n.startswith("refused.zan") for n in os.listdir(WORK)), "a refused convert left a file")
 
-    for f in failures:
-        print("FAIL " + f)
-    print(f"shipped plugins: {len(failures)} failures")
-    return 1 if failures else 0
+    return finish()
 
 
 if __name__ == "__main__":

@@ -23,10 +23,7 @@ using zan2::SectionType;
 std::string u16(uint16_t v) { return std::string{char(v), char(v >> 8)}; }
 std::string u32(uint32_t v) { return u16(uint16_t(v)) + u16(uint16_t(v >> 16)); }
 std::string u64(uint64_t v) { return u32(uint32_t(v)) + u32(uint32_t(v >> 32)); }
-struct Sec {
-  uint32_t type;
-  std::string bytes;
-};
+struct Sec { uint32_t type; std::string bytes; };
 
 // A model container with these sections, 64-aligned in order, and a right CRC.
 std::string build(const std::vector<Sec>& secs, uint32_t tensorCount = 0) {
@@ -94,12 +91,7 @@ TEST(Zan2, OpenChecksInOrder) {
   const Patch crc = refreshCrc;
   const std::string base = minimal();
   // Section 0 entry at 64, section 1 at 88, section 2 at 112.
-  const struct {
-    const char* what;
-    std::string file;
-    Patch patch;
-    const char* message;
-  } cases[] = {
+  const struct { const char* what; std::string file; Patch patch; const char* message; } cases[] = {
       {"valid", base, nullptr, ""}, {"empty file", "", nullptr, "ZAN2: cannot stat file"},
       {"63 bytes", base.substr(0, 63), nullptr, "ZAN2: file too small"},
       {"magic", base, [](std::string& f) { f[3] = '3'; }, "ZAN2: bad magic"},
@@ -136,10 +128,7 @@ TEST(Zan2, OpenChecksInOrder) {
 TEST(Zan2, MetaDecoding) {
   const std::string key = u16(1) + "k";
   auto type = [](char t) { return std::string(1, t); };
-  const struct {
-    std::string meta;
-    const char* message;
-  } cases[] = {
+  const struct { std::string meta; const char* message; } cases[] = {
       {u32(0), ""}, {u32(1), "ZAN2: bad meta key"}, {u32(1) + "\x05", "ZAN2: bad meta key"},
       {u32(1) + u16(5) + "abc", "ZAN2: bad meta key"}, {u32(1) + key, "ZAN2: bad meta type"},
       {u32(1) + key + type(6), "ZAN2: unknown meta type"},
@@ -159,10 +148,7 @@ TEST(Zan2, MetaDecoding) {
   }
 }
 
-struct Model {
-  std::vector<std::string> data;
-  std::vector<zan2::TensorSpec> specs;
-};
+struct Model { std::vector<std::string> data; std::vector<zan2::TensorSpec> specs; };
 
 Model sampleTensors() {
   Model m;
@@ -227,25 +213,18 @@ TEST(Zan2, WriterRoundTrip) {
   EXPECT_EQ(r.header().layers, 32u);
   EXPECT_EQ(r.header().tensorCount, m.specs.size());
 
-  uint32_t u = 0;
-  ASSERT_TRUE(r.getMetaU32("container.kind", u));
-  EXPECT_EQ(u, 1u);
-  ASSERT_TRUE(r.getMetaU32("container.version", u));
-  EXPECT_EQ(u, 2u);
-  ASSERT_TRUE(r.getMetaU32("llama.block_count", u));
-  EXPECT_EQ(u, 32u);
+  for (auto [key, want] : {std::pair{"container.kind", 1u}, {"container.version", 2u}, {"llama.block_count", 32u}}) {
+    uint32_t u = 0;
+    EXPECT_TRUE(r.getMetaU32(key, u) && u == want) << key << " " << u;
+  }
   uint64_t u64v = 0;
-  ASSERT_TRUE(r.getMetaU64("llama.block_count", u64v));
-  EXPECT_EQ(u64v, 64u);
   int32_t i32 = 0;
-  ASSERT_TRUE(r.getMetaI32("neg", i32));
-  EXPECT_EQ(i32, -5);
   float f = 0;
-  ASSERT_TRUE(r.getMetaF32("eps", f));
-  EXPECT_EQ(f, 1e-5f);
   std::string s;
-  ASSERT_TRUE(r.getMetaStr("general.architecture", s));
-  EXPECT_EQ(s, "llama");
+  EXPECT_TRUE(r.getMetaU64("llama.block_count", u64v) && u64v == 64u) << u64v;
+  EXPECT_TRUE(r.getMetaI32("neg", i32) && i32 == -5) << i32;
+  EXPECT_TRUE(r.getMetaF32("eps", f) && f == 1e-5f) << f;
+  EXPECT_TRUE(r.getMetaStr("general.architecture", s) && s == "llama") << s;
   const uint32_t* vals = nullptr;
   uint32_t n = 0;
   ASSERT_TRUE(r.getMetaU32Array("arr", vals, n));

@@ -76,10 +76,7 @@ TEST(ZanApp, CollectWalksAndSkips) {
                                    "main.zanb",  "real.txt",       "run.sh"};
   if (!kPosixFiles) want.erase(want.begin() + 3);
   ASSERT_EQ(paths(files), want);
-  if (kPosixFiles) {
-    EXPECT_EQ(files[3].bytes, "target");
-    EXPECT_EQ(files[6].mode, 0755u);
-  }
+  if (kPosixFiles) { EXPECT_EQ(files[3].bytes, "target"); EXPECT_EQ(files[6].mode, 0755u); }
   EXPECT_EQ(files[0].mode, 0644u);
   EXPECT_EQ(o.platform, "zanb");
   EXPECT_EQ(o.entry, "main.zanb");
@@ -127,10 +124,6 @@ TEST(ZanApp, PackLayoutByteByByte) {
   EXPECT_EQ(f.substr(sec(2).offset), "755 0 7 a.zanb\n644 7 70 b.bin\n");  // the file ends with the index
   EXPECT_EQ(f.substr(136, 56), std::string(56, '\0'));
   for (int i = 0; i < 3; ++i) EXPECT_EQ(sec(i).flags, 0u);
-
-  // Where the payload starts for manifests of 1, 64 and 65 bytes.
-  for (const auto& [len, at] : {std::pair{1u, 256u}, {64u, 256u}, {65u, 320u}})
-    EXPECT_EQ((len + 255) & ~63u, at);
 }
 
 // A container built by hand: sections given as (type, offset, size) over a
@@ -153,10 +146,7 @@ TEST(ZanApp, HostileContainers) {
   const uint64_t payAt = 192, idxAt = 192 + 8;
   const std::string body = std::string("PAY") + std::string(5, '\0') + idx;
   const std::string huge = "644 18446744073709551615 2 w\n";  // offset + size wraps
-  const struct {
-    std::string file;
-    const char* err;  // null: reads
-  } cases[] = {
+  const struct { std::string file; const char* err; } cases[] = {  // err null: reads
       {"", "cannot read @"}, {std::string(63, 'Z'), "cannot read @"},
       {"ZAN3" + std::string(100, '\0'), "not an ZAN container"}, {container({}, "", 0), "bad section count"},
       {container({}, "", 65537), "bad section count"},

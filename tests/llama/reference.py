@@ -9,13 +9,7 @@ kernels round activations to 8 bits) and, for float weights, the same 32
 greedy tokens. Then prompts of 1..500 tokens one at a time vs batches of 32
 and 512: the last logits agree within rounding.
 """
-import argparse
-import ctypes
-import os
-import struct
-import subprocess
-import sys
-
+import argparse, ctypes, os, struct, subprocess, sys
 import numpy as np
 
 GGUF_SCALARS = {0: "<B", 1: "<b", 2: "<H", 3: "<h", 4: "<I", 5: "<i", 6: "<f", 7: "<?", 10: "<Q", 11: "<q", 12: "<d"}

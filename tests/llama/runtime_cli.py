@@ -1,47 +1,28 @@
 #!/usr/bin/env python3
 """The llama runtime through zan: run, chat and bench on generated models
-(noise text, so the checks are about behaviour).
-
-    runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR [--wrapper PROGRAM]
-
---wrapper runs a Windows build through wine.
-"""
-import argparse
-import os
-import re
-import subprocess
-import sys
-
-failures = []
-
-
-def check(cond, what):
-    if not cond:
-        failures.append(what)
+(noise text, so the checks are about behaviour):
+runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR [--wrapper PROGRAM (wine)]"""
+import os, re, subprocess, sys
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, check, finish
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--gguf-gen", required=True)
-    ap.add_argument("--work", required=True)
-    ap.add_argument("--wrapper", default="")
-    opts = ap.parse_args()
-    os.makedirs(opts.work, exist_ok=True)
+    os.makedirs(opts["--work"], exist_ok=True)
     env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
-    wrapper = [opts.wrapper] if opts.wrapper else []
+    wrapper = [opts["--wrapper"]] if opts.get("--wrapper") else []
     if wrapper:
         env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
 
     def zan(*args, stdin=""):
-        r = subprocess.run(wrapper + [os.path.realpath(opts.zan)] + list(args), input=stdin.encode(), capture_output=True,
-                           env=env, cwd=opts.work, timeout=120)
+        r = subprocess.run(wrapper + [os.path.realpath(opts["--zan"])] + list(args), input=stdin.encode(), capture_output=True,
+                           env=env, cwd=opts["--work"], timeout=120)
         return r.returncode, r.stdout, r.stderr.decode("utf-8", "replace")
 
     for tokenizer in ("llama", "gpt2"):
-        gguf = os.path.join(opts.work, f"{tokenizer}.gguf")
-        model = os.path.join(opts.work, f"{tokenizer}.zan")
-        subprocess.run(wrapper + [opts.gguf_gen, "--out", gguf, "--type", "q8_0", "--tokenizer", tokenizer, "--vocab", "400",
+        gguf = os.path.join(opts["--work"], f"{tokenizer}.gguf")
+        model = os.path.join(opts["--work"], f"{tokenizer}.zan")
+        subprocess.run(wrapper + [opts["--gguf-gen"], "--out", gguf, "--type", "q8_0", "--tokenizer", tokenizer, "--vocab", "400",
                         "--seed", "11"], check=True)
         rc, _, err = zan("convert", gguf, model)
         check(rc == 0, f"{tokenizer}: convert: {err}")
@@ -77,11 +58,11 @@ def main():
 
     # A container whose tensor index lost a tensor (the index isn't under the
     # header checksum, so the file still opens): create says what is missing.
-    data = bytearray(open(os.path.join(opts.work, "llama.zan"), "rb").read())
+    data = bytearray(open(os.path.join(opts["--work"], "llama.zan"), "rb").read())
     at = data.find(b"token_embd.weight\0")
     check(at > 0, "no token_embd.weight record in the container")
     data[at + 16:at + 17] = b"X"
-    broken = os.path.join(opts.work, "broken.zan")
+    broken = os.path.join(opts["--work"], "broken.zan")
     open(broken, "wb").write(bytes(data))
     rc, out, err = zan("run", broken, "-p", "hi")
     check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
@@ -96,9 +77,9 @@ def main():
 
     # A qwen2 file with a byte-level BPE tokenizer and a pre-tokenizer name
     # we don't know: it runs on the GPT-2 split and says so, once.
-    gguf = os.path.join(opts.work, "qwen.gguf")
-    model = os.path.join(opts.work, "qwen.zan")
-    subprocess.run(wrapper + [opts.gguf_gen, "--out", gguf, "--type", "q4_k", "--dim", "256", "--ff", "256", "--arch", "qwen2",
+    gguf = os.path.join(opts["--work"], "qwen.gguf")
+    model = os.path.join(opts["--work"], "qwen.zan")
+    subprocess.run(wrapper + [opts["--gguf-gen"], "--out", gguf, "--type", "q4_k", "--dim", "256", "--ff", "256", "--arch", "qwen2",
                     "--tokenizer", "gpt2", "--pre", "tekken", "--vocab", "400"], check=True)
     rc, _, err = zan("convert", gguf, model)
     check(rc == 0, f"qwen2: convert: {err}")
@@ -106,12 +87,9 @@ def main():
     check(rc == 0 and err == "[plugin-runtime] llama (cpu)\n"
           "zan_llama: unknown pre-tokenizer \"tekken\": using the GPT-2 split\n", f"qwen2 run: {rc} {err!r}")
 
-    rc, out, err = zan("info", os.path.join(opts.work, "llama.zan"))
+    rc, out, err = zan("info", os.path.join(opts["--work"], "llama.zan"))
     check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out.decode(), f"info: {out!r} {err}")
-    for f in failures:
-        print("FAIL " + f)
-    print(f"llama runtime through zan: {len(failures)} failures")
-    return 1 if failures else 0
+    return finish()
 
 
 if __name__ == "__main__":

@@ -48,12 +48,7 @@ TEST(PluginSearchList, Rules) {
   // The test binary sits beside the plugin fixture directory, so its own
   // "plugins" directory exists.
   ASSERT_TRUE(fs::is_directory(exePlugins()));
-  const struct {
-    const char* path;
-    const char* home;
-    const char* profile;
-    std::vector<std::string> want;
-  } cases[] = {
+  const struct { const char* path; const char* home; const char* profile; std::vector<std::string> want; } cases[] = {
       {"/a:/b;;/c:", h.c_str(), nullptr, {"/a", "/b", "/c", h + "/.local/lib/zan/plugins", h + "/.zan/plugin"}},
       {":;", nullptr, nullptr, {exePlugins(), "./plugins"}},
       {nullptr, "/nonexistent-home", nullptr, {exePlugins(), "./plugins"}},

@@ -1,24 +1,13 @@
-// The GGUF reader on hand-made files, good and hostile, and the shipped
-// importer plugin on them: refusals name what is wrong, and a failed convert
-// leaves nothing at the destination.
+// The GGUF reader on hand-made files, good and hostile: refusals name what
+// is wrong. The shipped importer is driven by tests/cli/shipped.py.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "base/compat.h"
-
-#include "container/zan2_reader.h"
-#include "plugin/zan_plugin.h"
 #include "plugins/gguf/gguf.h"
-#include "tests/test_tmp.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // Little-endian pieces of a GGUF file.
 std::string u32(uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
@@ -26,12 +15,7 @@ std::string u64(uint64_t v) { return std::string(reinterpret_cast<const char*>(&
 std::string str(const std::string& s) { return u64(s.size()) + s; }
 std::string kv(const std::string& key, uint32_t type, const std::string& value) { return str(key) + u32(type) + value; }
 
-struct Tensor {
-  std::string name;
-  std::vector<uint64_t> dims;
-  uint32_t type;
-  uint64_t offset;
-};
+struct Tensor { std::string name; std::vector<uint64_t> dims; uint32_t type; uint64_t offset; };
 
 // A file with these entries and tensors; the data section (32-aligned)
 // holds `data` bytes.
@@ -87,10 +71,7 @@ TEST(Gguf, ReadsAGoodFile) {
 }
 
 TEST(Gguf, RefusesHostileFiles) {
-  const struct {
-    std::string file;
-    const char* err;
-  } cases[] = {
+  const struct { std::string file; const char* err; } cases[] = {
       {"GGML" + std::string(60, '\0'), "not a GGUF file (bad magic)"},
       {file(kMeta, kTensors, kData, 1), "unsupported GGUF version 1 (2 and 3 are read)"},
       {"GGUF" + u32(3) + u64(0) + u64(~0ULL), "metadata count 18446744073709551615 is more than the file holds"},
@@ -126,74 +107,6 @@ TEST(Gguf, RefusesHostileFiles) {
     std::string err;
     EXPECT_FALSE(gguf::parse(prefix.data(), n, g, err)) << n;
   }
-}
-
-// The shipped plugin, loaded as the host would.
-struct Importer {
-  void* lib = dlopen(ZAN_SHIPPED_PLUGIN_DIR "/zan_gguf" ZAN_PLUGIN_SUFFIX, RTLD_NOW | RTLD_LOCAL);
-  const ZANImporterDesc* desc = nullptr;
-  Importer() {
-    if (!lib) return;
-    uint32_t n = 0;
-    desc = reinterpret_cast<const ZANImporterDesc* (*)(uint32_t*)>(dlsym(lib, "zan_plugin_importers"))(&n);
-  }
-  ~Importer() {
-    if (lib) dlclose(lib);
-  }
-};
-
-TEST(Gguf, ImporterConvertsAndRefusesCleanly) {
-  Importer imp;
-  ASSERT_NE(imp.desc, nullptr) << dlerror();
-  const fs::path dir = fs::path(testTempDir()) / "gguf";
-  fs::create_directories(dir);
-  auto convert = [&](const std::string& bytes, std::string& err, uint64_t& tensors) {
-    const std::string src = (dir / "in.gguf").string(), dst = (dir / "out.zan").string();
-    std::ofstream(src, std::ios::binary | std::ios::trunc) << bytes;
-    fs::remove(dst);
-    char buf[512] = {};
-    uint64_t written = 0;
-    tensors = 0;
-    ZANConvertRequest req{};
-    req.size = sizeof req;
-    req.outPath = dst.c_str();
-    req.err = buf;
-    req.errCap = sizeof buf;
-    req.outTensors = &tensors;
-    req.outBytes = &written;
-    const int32_t rc = imp.desc->convert(src.c_str(), &req);
-    err = buf;
-    if (rc == 0) {
-      EXPECT_EQ(written, fs::file_size(dst));
-    }
-    return rc;
-  };
-  std::string err;
-  uint64_t tensors = 0;
-  ASSERT_EQ(convert(file(kMeta, kTensors, kData), err, tensors), 0) << err;
-  EXPECT_EQ(tensors, 2u);
-  tov::ZAN2Reader r;
-  ASSERT_TRUE(r.open((dir / "out.zan").string().c_str()).ok());
-  uint32_t v = 0;
-  EXPECT_TRUE(r.getMetaU32("model.embedding_length", v));
-  EXPECT_EQ(v, 32u);
-  EXPECT_TRUE(r.getMetaU32("model.vocab_size", v));
-  EXPECT_EQ(v, 3u);
-  const tov::TensorView t = r.tensorView("tok_embd.weight");
-  EXPECT_EQ(t.dtype, 8);
-  EXPECT_EQ(t.quant, (uint64_t(32) << 32) | 34);
-  EXPECT_EQ(t.size, 102u);
-  r.close();
-
-  EXPECT_NE(convert(file({}, {{"w", {32, 2}, 3, 0}}, 256), err, tensors), 0);
-  EXPECT_EQ(err, "tensor 'w' has type Q4_1, which is not supported (F32, F16, BF16, Q8_0, Q4_0, Q2_K, Q3_K, Q4_K, Q5_K, Q6_K are)");
-  const std::string good = file(kMeta, kTensors, kData);
-  EXPECT_NE(convert(good.substr(0, good.size() - 50), err, tensors), 0);
-  EXPECT_EQ(err, "tensor 'norm' reaches past the end of the file");
-  // Nothing at the destination, and no temporary left beside it.
-  std::vector<std::string> left;
-  for (const auto& e : fs::directory_iterator(dir)) left.push_back(e.path().filename().string());
-  EXPECT_EQ(left, std::vector<std::string>{"in.gguf"});
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -18,12 +19,6 @@
 namespace {
 
 using namespace llama;
-
-float bitsFloat(uint32_t u) {
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
 
 // IEEE half value from its fields, independent of the code under test.
 double halfValue(uint16_t h) {
@@ -84,10 +79,7 @@ TEST(LlamaKernels, F32ToF16OutOfRange) {
 TEST(LlamaKernels, Bf16AndTypeTables) {
   EXPECT_EQ(bf16ToF32(0xc049), -3.140625f);
   EXPECT_EQ(bf16ToF32(0x0001), 0x1p-133f);
-  struct RowCase {
-    DType t;
-    size_t cols, bytes;
-  };
+  struct RowCase { DType t; size_t cols, bytes; };
   const RowCase rows[] = {{kF32, 96, 384}, {kF16, 96, 192}, {kBF16, 96, 192}, {kQ8_0, 96, 102},
                           {kQ4_0, 96, 54}, {kQ8_0, 40, 0},  {kQ4_0, 33, 0},   {DType(3), 64, 0},
                           {kQ2_K, 512, 168}, {kQ3_K, 256, 110}, {kQ4_K, 256, 144}, {kQ5_K, 256, 176},
@@ -110,13 +102,9 @@ struct Weights {
     const uint8_t* row = data() + r * rowBytes;
     auto u16 = [](const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); };
     switch (t) {
-      case kF32: {
-        float f;
-        std::memcpy(&f, row + 4 * c, 4);
-        return f;
-      }
+      case kF32: return std::bit_cast<float>(u16(row + 4 * c) | uint32_t(u16(row + 4 * c + 2)) << 16);
       case kF16: return halfValue(u16(row + 2 * c));
-      case kBF16: return double(bitsFloat(uint32_t(u16(row + 2 * c)) << 16));
+      case kBF16: return double(std::bit_cast<float>(uint32_t(u16(row + 2 * c)) << 16));
       case kQ8_0: {
         const uint8_t* blk = row + (c / 32) * 34;
         return halfValue(u16(blk)) * double(int8_t(blk[2 + c % 32]));
@@ -142,10 +130,7 @@ Weights makeWeights(DType t, size_t rows, size_t cols, uint32_t seed) {
   Weights w{t, rows, cols, rowBytes(t, cols), {}, 1 + seed % 7};
   w.storage.resize(w.offset + rows * w.rowBytes);
   uint8_t* p = w.data();
-  auto put16 = [](uint8_t* q, uint16_t v) {
-    q[0] = uint8_t(v);
-    q[1] = uint8_t(v >> 8);
-  };
+  auto put16 = [](uint8_t* q, uint16_t v) { q[0] = uint8_t(v); q[1] = uint8_t(v >> 8); };
   std::uniform_real_distribution<float> uni(-1.f, 1.f);
   for (size_t r = 0; r < rows; ++r) {
     uint8_t* row = p + r * w.rowBytes;
@@ -219,11 +204,7 @@ void expectClose(const Weights& w, const std::vector<float>& x, const std::vecto
   }
 }
 
-struct TypeCase {
-  DType t;
-  const char* name;
-  double tol;  // relative to sum|w*x|
-};
+struct TypeCase { DType t; const char* name; double tol; };  // tol relative to sum|w*x|
 // Quantised types round x to 8 bits per block: up to max|x|/254 per element.
 const TypeCase kTypes[] = {
     {kF32, "F32", 1e-5},  {kF16, "F16", 1e-5},  {kBF16, "BF16", 1e-5}, {kQ8_0, "Q8_0", 1e-2}, {kQ4_0, "Q4_0", 1e-2},
@@ -341,10 +322,7 @@ void expectCovers(ThreadPool& pool, size_t n) {
 }
 
 TEST(LlamaKernels, ThreadPoolCoversEveryIndexOnce) {
-  struct Case {
-    unsigned threads;
-    size_t n;
-  };
+  struct Case { unsigned threads; size_t n; };
   const Case cases[] = {{1, 0}, {1, 5},  {3, 0},      {3, 1},     {3, 2}, {4, 3},
                         {2, 1}, {3, 7}, {2, 100000}, {4, 1000003}};
   for (const Case& c : cases) {

@@ -13,11 +13,7 @@ namespace {
 
 constexpr uint32_t kNone = 0xFFFFFFFFu;
 
-struct Tok {
-  std::string text;
-  float score;
-  uint32_t type;
-};
+struct Tok { std::string text; float score; uint32_t type; };
 
 tov::TokenizerData makeData(const char* name, const std::vector<Tok>& toks, std::vector<std::string> merges = {},
                             uint32_t bos = kNone, uint32_t eos = kNone, uint32_t unk = kNone, bool addBos = false) {
@@ -81,11 +77,7 @@ llama::Tokenizer bpe() {
   return t;
 }
 
-struct Case {
-  std::string text;
-  bool special;
-  std::vector<int32_t> ids;
-};
+struct Case { std::string text; bool special; std::vector<int32_t> ids; };
 
 void expectEncodings(const llama::Tokenizer& t, const std::vector<Case>& cases) {
   for (const Case& c : cases) EXPECT_EQ(t.encode(c.text, false, c.special), c.ids) << c.text << " " << c.special;
@@ -134,11 +126,7 @@ TEST(LlamaTokenizer, Bpe) {
 // Words of each pre-tokenizer split, worked out by hand from its pattern.
 TEST(LlamaTokenizer, PreTokenizerSplits) {
   using llama::PreSplit;
-  struct Case {
-    PreSplit kind;
-    const char* text;
-    std::vector<std::string_view> words;
-  };
+  struct Case { PreSplit kind; const char* text; std::vector<std::string_view> words; };
   const Case cases[] = {
       {PreSplit::Gpt2, "I'm don'T", {"I", "'m", " don", "'", "T"}},
       {PreSplit::Gpt2, "hello  world 12345", {"hello", " ", " world", " 12345"}},
@@ -173,10 +161,7 @@ TEST(LlamaTokenizer, PreTokenizerSplits) {
 
 TEST(LlamaTokenizer, DetokenizerStreamsWholeCharacters) {
   const llama::Tokenizer t = spm();
-  struct Step {
-    int32_t id;
-    std::string out;
-  };
+  struct Step { int32_t id; std::string out; };
   const std::vector<std::vector<Step>> streams = {
       {{6, ""}, {7, ""}, {8, ""}, {9, "😀"}}, {{4, ""}, {5, "é"}},
       {{11, "a"}, {10, " "}, {4, ""}, {18, "\uFFFD a"}},  // a space can't continue "\xC3"
@@ -200,10 +185,7 @@ TEST(LlamaTokenizer, DetokenizerStreamsWholeCharacters) {
 
 TEST(LlamaTokenizer, InitChecksTheData) {
   const std::vector<Tok> small = {{"<unk>", 0, 2}, {"a", -1, 1}};
-  struct Bad {
-    const char* what;
-    tov::TokenizerData data;
-  };
+  struct Bad { const char* what; tov::TokenizerData data; };
   std::vector<Bad> bad = {
       {"empty vocabulary", makeData("llama", {})}, {"unknown name", makeData("bert", small)},
       {"scores", makeData("llama", small)}, {"types", makeData("llama", small)},
