@@ -22,10 +22,6 @@ using tov::zanapp::PackOptions;
 
 namespace {
 
-bool endsWith(const std::string& s, const char* suffix) {
-  const size_t n = std::strlen(suffix);
-  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
 
 std::string afterLastSlash(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -110,7 +106,7 @@ int cmdPackApp(int argc, char** argv) {
     f.path = afterLastSlash(input);
     f.mode = 0644;
     opts.entry = f.path;
-    opts.platform = endsWith(input, ".zana") || endsWith(input, ".zanb") ? "zanb" : "linux";
+    opts.platform = input.ends_with(".zana") || input.ends_with(".zanb") ? "zanb" : "linux";
     files.push_back(std::move(f));
   }
   if (!assets.empty()) {
@@ -268,7 +264,7 @@ int cmdRunAppContainer(const char* path, int argc, char** argv, int firstArg) {
       }
   if (!chosen)
     for (const File& f : files)
-      if (endsWith(f.path, ".zanb") || endsWith(f.path, ".zana")) {
+      if (f.path.ends_with(".zanb") || f.path.ends_with(".zana")) {
         chosen = &f;
         break;
       }

@@ -16,11 +16,6 @@
 
 namespace {
 
-bool endsWith(const std::string& s, const char* suffix) {
-  size_t n = std::strlen(suffix);
-  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
-
 // The first 64 bytes are a ZAN2 header of kind 6 (app).
 bool isAppContainer(const char* path) {
   FILE* f = std::fopen(path, "rb");
@@ -93,7 +88,7 @@ int cmdRun(int argc, char** argv) {
     std::fprintf(stderr, "zan run: %s names a device, not a file\n", argv[2]);
     return 1;
   }
-  if (endsWith(path, ".zanb") || endsWith(path, ".zana")) return cmdRunModuleFile(argv[2], argc, argv, 3);
+  if (path.ends_with(".zanb") || path.ends_with(".zana")) return cmdRunModuleFile(argv[2], argc, argv, 3);
   if (isAppContainer(argv[2])) return cmdRunAppContainer(argv[2], argc, argv, 3);
   return cmdRunModel(argc, argv);
 }

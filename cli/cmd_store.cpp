@@ -34,10 +34,6 @@ const char kStoreUsage[] =
     "    ~/.zan/apps/zan-store   previously extracted store\n"
     "    repo build bundle       apps/zan_store build output\n";
 
-bool endsWith(const std::string& s, const char* suffix) {
-  const size_t n = std::strlen(suffix);
-  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
 
 bool isRegularFile(const std::string& path) {
   struct stat st;
@@ -118,8 +114,8 @@ std::string findExecutableIn(const std::string& dir) {
   while (dirent* e = readdir(d)) {
     const std::string name = e->d_name;
     if (name == "." || name == "..") continue;
-    if (endsWith(name, ".so")) continue;
-    if (name.find('.') != std::string::npos && !(name.size() > 3 && endsWith(name, ".sh"))) continue;
+    if (name.ends_with(".so")) continue;
+    if (name.find('.') != std::string::npos && !(name.size() > 3 && name.ends_with(".sh"))) continue;
     const std::string path = dir + "/" + name;
     struct stat st;
     if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || !(st.st_mode & 0111)) continue;
@@ -158,7 +154,7 @@ int cmdStore(int argc, char** argv) {
     if (c.empty() || !isRegularFile(c)) continue;
     std::printf("zan store: running %s\n", c.c_str());
     std::fflush(stdout);
-    if (endsWith(c, ".zanb")) return cmdRunModuleFile(c.c_str(), argc, argv, 2);
+    if (c.ends_with(".zanb")) return cmdRunModuleFile(c.c_str(), argc, argv, 2);
     return cmdRunAppContainer(c.c_str(), argc, argv, 2);
   }
 

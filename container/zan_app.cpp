@@ -21,12 +21,8 @@ namespace {
 constexpr uint64_t kManifestOffset = 192;
 constexpr uint32_t kSections = 3;
 
-bool endsWith(const std::string& s, const char* suffix) {
-  const size_t n = std::strlen(suffix);
-  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
 
-bool isModuleName(const std::string& p) { return endsWith(p, ".zanb") || endsWith(p, ".zana"); }
+bool isModuleName(const std::string& p) { return p.ends_with(".zanb") || p.ends_with(".zana"); }
 bool isTopLevel(const File& f) { return f.path.find('/') == std::string::npos; }
 bool isExecutable(const File& f) { return (f.mode & 0111) != 0; }
 
@@ -49,7 +45,7 @@ void detect(const std::vector<File>& files, PackOptions& o) {
   for (const File& f : files) {
     if (f.path == "data/flutter_assets" || f.path.rfind("data/flutter_assets/", 0) == 0) hasAssets = true;
     if (!isTopLevel(f)) continue;
-    if (endsWith(f.path, ".exe")) {
+    if (f.path.ends_with(".exe")) {
       if (!hasExe) exeEntry = &f;
       hasExe = true;
     }
@@ -155,7 +151,7 @@ bool pack(const std::string& outPath, const PackOptions& options, std::vector<Fi
   if (o.platform.empty()) o.platform = "zanb";
   if (o.entry.empty()) {
     for (const File& f : files)
-      if (isTopLevel(f) && (endsWith(f.path, ".zanb") || isExecutable(f))) {
+      if (isTopLevel(f) && (f.path.ends_with(".zanb") || isExecutable(f))) {
         o.entry = f.path;
         break;
       }

@@ -26,10 +26,6 @@ const char kInstallUsage[] =
     "  --list  only print the aggregated manifest\n"
     "  progress bar: opt in via ZAN_PROGRESS=1 on a TTY\n";
 
-bool endsWith(const std::string& s, const char* tail) {
-  const size_t n = std::strlen(tail);
-  return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
-}
 
 }  // namespace
 
@@ -89,7 +85,7 @@ int installLocalContainer(const InstallOptions& o) {
   if (o.names.size() != 1) return -1;
   const std::string& name = o.names[0];
   uint16_t kind = 0;
-  if (name.size() > 4 && endsWith(name, ".zan")) {
+  if (name.size() > 4 && name.ends_with(".zan")) {
     if (!zanContainerProbe(name, &kind, nullptr)) {
       std::fprintf(stderr, "zan: %s is not an ZAN container\n", name.c_str());
       return 2;

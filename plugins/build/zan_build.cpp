@@ -24,10 +24,6 @@ const char kUsage[] =
     "  compile a script (main.zs of a directory) to a bytecode module, its listing,\n"
     "  or an app container; without -o the output is <name>.zan here\n";
 
-bool endsWith(const std::string& s, const char* suffix) {
-  const size_t n = std::strlen(suffix);
-  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
 
 // The last path element without its last extension (unless the dot begins
 // the name); trailing slashes are ignored.
@@ -100,9 +96,9 @@ int32_t runBuild(void*, int argc, char** argv) {
   }
   const bool dir = isDirectory(input);
   std::string script = input;
-  if (dir) script = (endsWith(input, "/") ? input : input + "/") + "main.zs";
+  if (dir) script = (input.ends_with("/") ? input : input + "/") + "main.zs";
   if (output.empty()) output = baseName(input) + ".zan";
-  if (!endsWith(output, ".zanb") && !endsWith(output, ".zana") && !endsWith(output, ".zan")) {
+  if (!output.ends_with(".zanb") && !output.ends_with(".zana") && !output.ends_with(".zan")) {
     say("zan build: " + output + ": the output must end in .zanb, .zana or .zan\n");
     quit(2);
   }
@@ -122,10 +118,10 @@ int32_t runBuild(void*, int argc, char** argv) {
 
   const std::string tmp = output + ".tmp";
   bool ok;
-  if (endsWith(output, ".zanb")) {
+  if (output.ends_with(".zanb")) {
     ok = writeWhole(tmp, bytes.data(), bytes.size());
     if (!ok) err = "cannot write " + tmp;
-  } else if (endsWith(output, ".zana")) {
+  } else if (output.ends_with(".zana")) {
     const std::string listing = tov::zanb::disassemble(module);
     ok = writeWhole(tmp, listing.data(), listing.size());
     if (!ok) err = "cannot write " + tmp;
