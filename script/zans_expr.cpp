@@ -152,14 +152,19 @@ bool Compiler::orExpr(const Line& line, size_t& pos, EValue& out, std::string& e
   while (isWord(line, pos, "or")) {
     ++pos;
     EValue r;
-    if (!andExpr(line, pos, r, error)) return false;
-    uint32_t ls, rs;
-    if (!intSlot(line, out, ls, error) || !intSlot(line, r, rs, error)) return false;
-    out = EValue{};
-    out.slot = int32_t(newSlot());
-    out.isInt = true;
-    emit(op(Op_or, kI32), uint32_t(out.slot), ls, rs);
+    if (!andExpr(line, pos, r, error) || !bitwiseInt(line, Op_or, out, r, error)) return false;
   }
+  return true;
+}
+
+// `and` and `or` work on the 32-bit integer forms of both sides.
+bool Compiler::bitwiseInt(const Line& line, Op opcode, EValue& out, EValue& r, std::string& error) {
+  uint32_t ls, rs;
+  if (!intSlot(line, out, ls, error) || !intSlot(line, r, rs, error)) return false;
+  out = EValue{};
+  out.slot = int32_t(newSlot());
+  out.isInt = true;
+  emit(op(opcode, kI32), uint32_t(out.slot), ls, rs);
   return true;
 }
 
@@ -168,13 +173,7 @@ bool Compiler::andExpr(const Line& line, size_t& pos, EValue& out, std::string& 
   while (isWord(line, pos, "and")) {
     ++pos;
     EValue r;
-    if (!cmpExpr(line, pos, r, error)) return false;
-    uint32_t ls, rs;
-    if (!intSlot(line, out, ls, error) || !intSlot(line, r, rs, error)) return false;
-    out = EValue{};
-    out.slot = int32_t(newSlot());
-    out.isInt = true;
-    emit(op(Op_and, kI32), uint32_t(out.slot), ls, rs);
+    if (!cmpExpr(line, pos, r, error) || !bitwiseInt(line, Op_and, out, r, error)) return false;
   }
   return true;
 }

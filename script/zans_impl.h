@@ -117,6 +117,7 @@ struct Compiler {
   // --- expressions (zans_expr.cpp)
   bool orExpr(const Line& line, size_t& pos, EValue& out, std::string& error);
   bool andExpr(const Line& line, size_t& pos, EValue& out, std::string& error);
+  bool bitwiseInt(const Line& line, tov::zanb::Op opcode, EValue& out, EValue& r, std::string& error);
   bool cmpExpr(const Line& line, size_t& pos, EValue& out, std::string& error);
   bool addExpr(const Line& line, size_t& pos, EValue& out, std::string& error);
   bool mulExpr(const Line& line, size_t& pos, EValue& out, std::string& error);
