@@ -4,20 +4,18 @@
 runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR [--wrapper PROGRAM (wine)]"""
 import os, re, subprocess, sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
-from zantest import opts, check, finish
+from zantest import opts, check, finish, run, WRAPPER
 
 
 def main():
     os.makedirs(opts["--work"], exist_ok=True)
     env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
-    wrapper = [opts["--wrapper"]] if opts.get("--wrapper") else []
+    wrapper = WRAPPER
     if wrapper:
         env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
 
     def zan(*args, stdin=""):
-        r = subprocess.run(wrapper + [os.path.realpath(opts["--zan"])] + list(args), input=stdin.encode(), capture_output=True,
-                           env=env, cwd=opts["--work"], timeout=120)
-        return r.returncode, r.stdout, r.stderr.decode("utf-8", "replace")
+        return run(wrapper + [os.path.realpath(opts["--zan"]), *args], stdin=stdin.encode(), env=env, cwd=opts["--work"])
 
     for tokenizer in ("llama", "gpt2"):
         gguf = os.path.join(opts["--work"], f"{tokenizer}.gguf")
@@ -33,7 +31,7 @@ def main():
         check(a[0] == 0 and a[1] == b[1], f"{t}: the same seed gave different text: {a[1]!r} vs {b[1]!r}")
         check(a[2] == "[plugin-runtime] llama (cpu)\n", f"{t}: run stderr: {a[2]!r}")
         rc, out, err = zan("run", model, "-p", "x", "-n", "0")
-        check(rc == 0 and out == b"\n", f"{t}: -n 0 should answer nothing: {out!r} {err}")
+        check(rc == 0 and out == "\n", f"{t}: -n 0 should answer nothing: {out!r} {err}")
         rc, out, err = zan("run", model, "-p", "hi", "-kv", "q8_0", "-c", "64", "-n", "8")
         check(rc == 0 and "[cfg] ctx=64 kv=q8_0\n" in err, f"{t}: -kv q8_0 -c 64: {rc} {err}")
         rc, out, err = zan("run", model, "-p", "one two three four five six seven", "-c", "4")
@@ -41,15 +39,13 @@ def main():
                                     r"holds only 4 more\nzan: generation failed \(3\)\n$", err),
               f"{t}: a prompt over the context: {rc} {err}")
 
-        rc, out, err = zan("chat", model, "-n", "8", stdin="hello there\n/clear\nagain\n")
-        text = out.decode("utf-8", "replace")
+        rc, text, err = zan("chat", model, "-n", "8", stdin="hello there\n/clear\nagain\n")
         check(rc == 0 and text.startswith("Halden chat (plugin runtime llama)\ncommands: /exit /quit, /clear\nUser: ")
               and text.count("\nModel: ") == 2 and text.endswith("User: "), f"{t}: chat: {rc} {text!r}")
         check(err.count("[zan chat] streaming via llama (v2s)\n") == 2, f"{t}: chat stderr: {err!r}")
 
         # A conversation longer than the context starts over instead of failing.
-        rc, out, err = zan("chat", model, "-c", "80", stdin="one\ntwo\nthree\nfour\n")
-        text = out.decode("utf-8", "replace")
+        rc, text, err = zan("chat", model, "-c", "80", stdin="one\ntwo\nthree\nfour\n")
         check(rc == 0 and text.count("\nModel: ") == 4 and text.endswith("User: ") and "failed" not in err,
               f"{t}: chat over a small context: {rc} {text!r} {err!r}")
 
@@ -88,7 +84,7 @@ def main():
           "zan_llama: unknown pre-tokenizer \"tekken\": using the GPT-2 split\n", f"qwen2 run: {rc} {err!r}")
 
     rc, out, err = zan("info", os.path.join(opts["--work"], "llama.zan"))
-    check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out.decode(), f"info: {out!r} {err}")
+    check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out, f"info: {out!r} {err}")
     return finish()
 
 

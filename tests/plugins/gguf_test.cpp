@@ -55,12 +55,10 @@ TEST(Gguf, ReadsAGoodFile) {
   EXPECT_EQ(g.version, 3u);
   EXPECT_EQ(g.getStr("general.architecture"), "llama");
   uint32_t v = 0;
-  EXPECT_TRUE(g.getU32("llama.block_count", v));
-  EXPECT_EQ(v, 2u);
-  EXPECT_FALSE(g.getU32("test.u64", v));  // out of the u32 range
   float fv = 0;
-  EXPECT_TRUE(g.getF32("llama.rope.freq_base", fv));
-  EXPECT_EQ(fv, 10000.0f);
+  EXPECT_TRUE(g.getU32("llama.block_count", v) && v == 2u) << v;
+  EXPECT_FALSE(g.getU32("test.u64", v));  // out of the u32 range
+  EXPECT_TRUE(g.getF32("llama.rope.freq_base", fv) && fv == 10000.0f) << fv;
   EXPECT_EQ(g.find("test.bool")->u, 1u);
   EXPECT_EQ(gguf::stringArray(*g.find("tokenizer.ggml.tokens")), (std::vector<std::string_view>{"<unk>", "<s>", "a b"}));
   EXPECT_EQ(gguf::u32Array(*g.find("tokenizer.ggml.token_type")), (std::vector<uint32_t>{2, 3, 0xFFFFFFFF}));
