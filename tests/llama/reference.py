@@ -24,9 +24,8 @@ def read_gguf(path):
     def string():
         nonlocal pos
         n = take("<Q")
-        s = data[pos:pos + n].decode("utf-8", "replace")
         pos += n
-        return s
+        return data[pos - n:pos].decode("utf-8", "replace")
 
     def value(t):
         if t in GGUF_SCALARS:
@@ -37,18 +36,11 @@ def read_gguf(path):
         return [value(et) for _ in range(n)]
 
     assert data[:4] == b"GGUF"
-    pos = 4
-    take("<I")
+    pos = 8  # past the magic and the version
     n_tensors, n_kv = take("<Q"), take("<Q")
-    meta = {}
-    for _ in range(n_kv):
-        key = string()
-        meta[key] = value(take("<I"))
-    infos = []
-    for _ in range(n_tensors):
-        name = string()
-        dims = [take("<Q") for _ in range(take("<I"))]
-        infos.append((name, dims, take("<I"), take("<Q")))
+    meta = {string(): value(take("<I")) for _ in range(n_kv)}  # the key is read first
+    # (name, dims, type, offset) of each tensor
+    infos = [(string(), [take("<Q") for _ in range(take("<I"))], take("<I"), take("<Q")) for _ in range(n_tensors)]
     align = meta.get("general.alignment", 32)
     base = (pos + align - 1) // align * align
     tensors = {}
@@ -66,9 +58,8 @@ def read_gguf(path):
             a = (blocks["d"].astype(np.float64)[:, None] * blocks["q"]).reshape(-1)
         elif t == 2:
             blocks = np.frombuffer(raw, np.dtype([("d", "<f2"), ("q", "u1", 16)]), n // 32)
-            lo = (blocks["q"] & 15).astype(np.int32) - 8
-            hi = (blocks["q"] >> 4).astype(np.int32) - 8
-            a = (blocks["d"].astype(np.float64)[:, None] * np.concatenate([lo, hi], axis=1)).reshape(-1)
+            q = np.concatenate([blocks["q"] & 15, blocks["q"] >> 4], axis=1).astype(np.int32) - 8
+            a = (blocks["d"].astype(np.float64)[:, None] * q).reshape(-1)
         else:
             a = dequant_k(t, raw, n)
         tensors[name] = a.reshape(list(reversed(dims))) if len(dims) > 1 else a
