@@ -11,20 +11,19 @@ def main():
     os.makedirs(opts["--work"], exist_ok=True)
     env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
     wrapper = WRAPPER
-    if wrapper:
+    if WRAPPER:
         env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
 
     def zan(*args, stdin=""):
         return run(wrapper + [os.path.realpath(opts["--zan"]), *args], stdin=stdin.encode(), env=env, cwd=opts["--work"])
 
-    for tokenizer in ("llama", "gpt2"):
-        gguf = os.path.join(opts["--work"], f"{tokenizer}.gguf")
-        model = os.path.join(opts["--work"], f"{tokenizer}.zan")
-        subprocess.run(wrapper + [opts["--gguf-gen"], "--out", gguf, "--type", "q8_0", "--tokenizer", tokenizer, "--vocab", "400",
+    for t in ("llama", "gpt2"):  # the tokenizer
+        gguf = os.path.join(opts["--work"], f"{t}.gguf")
+        model = os.path.join(opts["--work"], f"{t}.zan")
+        subprocess.run(wrapper + [opts["--gguf-gen"], "--out", gguf, "--type", "q8_0", "--tokenizer", t, "--vocab", "400",
                         "--seed", "11"], check=True)
         rc, _, err = zan("convert", gguf, model)
-        check(rc == 0, f"{tokenizer}: convert: {err}")
-        t = tokenizer
+        check(rc == 0, f"{t}: convert: {err}")
 
         a = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
         b = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
@@ -59,17 +58,14 @@ def main():
     check(at > 0, "no token_embd.weight record in the container")
     data[at + 16:at + 17] = b"X"
     broken = os.path.join(opts["--work"], "broken.zan")
-    open(broken, "wb").write(bytes(data))
-    rc, out, err = zan("run", broken, "-p", "hi")
-    check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
-          "missing tensor token_embd.weight\n", f"broken model: {rc} {err!r}")
     # Another architecture is claimed weakly, and create names it.
     other = data.replace(b"\x05\x00\x00\x00llama", b"\x05\x00\x00\x00gemma", 1)
-    open(broken, "wb").write(bytes(other))
-    rc, out, err = zan("run", broken, "-p", "hi")
-    check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
-          "architecture 'gemma' is not supported (llama, mistral, qwen2 and qwen3 are)\n",
-          f"another architecture: {rc} {err!r}")
+    for blob, why in ((data, "missing tensor token_embd.weight"),
+                      (other, "architecture 'gemma' is not supported (llama, mistral, qwen2 and qwen3 are)")):
+        open(broken, "wb").write(bytes(blob))
+        rc, out, err = zan("run", broken, "-p", "hi")
+        check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: {why}\n",
+              f"broken model: {rc} {err!r}")
 
     # A qwen2 file with a byte-level BPE tokenizer and a pre-tokenizer name
     # we don't know: it runs on the GPT-2 split and says so, once.

@@ -35,8 +35,8 @@ double halfValue(uint16_t h) {
 
 // Every half converts exactly. Between each pair of neighbouring finite halves, the midpoint goes to
 // the one with the even mantissa and the floats either side of it to the nearer; past the largest
-// half (65504) the next step, 65536, stands for inf. Then overflow, underflow and NaN.
-TEST(LlamaKernels, HalfConversions) {
+// half (65504) the next step, 65536, stands for inf. Then overflow, underflow and NaN, bfloat16, row sizes.
+TEST(LlamaKernels, ConversionsAndTypeTables) {
   for (uint32_t h = 0; h < 65536; ++h) {
     const double want = halfValue(uint16_t(h));
     const float got = f16ToF32(uint16_t(h));
@@ -62,9 +62,6 @@ TEST(LlamaKernels, HalfConversions) {
   for (auto [f, h] : cases) EXPECT_EQ(f32ToF16(f), h) << f;
   const uint16_t nan = f32ToF16(std::numeric_limits<float>::quiet_NaN());
   EXPECT_TRUE((nan & 0x7c00) == 0x7c00 && (nan & 0x3ff) != 0) << nan;
-}
-
-TEST(LlamaKernels, Bf16AndTypeTables) {
   EXPECT_EQ(bf16ToF32(0xc049), -3.140625f);
   EXPECT_EQ(bf16ToF32(0x0001), 0x1p-133f);
   struct RowCase { DType t; size_t cols, bytes; };
@@ -83,7 +80,6 @@ struct Weights {
   size_t offset;  // misaligned on purpose
   std::vector<float> kvals;  // K-quants: from dequantRow (the numpy reference checks the layouts)
   const uint8_t* data() const { return storage.data() + offset; }
-  uint8_t* data() { return storage.data() + offset; }
 
   double at(size_t r, size_t c) const {
     const uint8_t* row = data() + r * rowBytes;
@@ -112,7 +108,7 @@ Weights makeWeights(DType t, size_t rows, size_t cols, uint32_t seed) {
   std::mt19937 rng(seed);
   Weights w{t, rows, cols, rowBytes(t, cols), {}, 1 + seed % 7};
   w.storage.resize(w.offset + rows * w.rowBytes);
-  uint8_t* p = w.data();
+  uint8_t* p = w.storage.data() + w.offset;
   auto put16 = [](uint8_t* q, uint16_t v) { q[0] = uint8_t(v); q[1] = uint8_t(v >> 8); };
   auto put32 = [](uint8_t* q, float f) { std::memcpy(q, &f, 4); };
   std::uniform_real_distribution<float> uni(-1.f, 1.f);
