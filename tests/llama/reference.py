@@ -160,8 +160,7 @@ def forward_all(meta, w, tokens, steps):
                 kv = (h // group) * hd
                 sc = K[:, kv:kv + hd] @ q[h * hd:(h + 1) * hd] / np.sqrt(hd)
                 a = np.exp(sc - sc.max())
-                a /= a.sum()
-                out[h * hd:(h + 1) * hd] = a @ V[:, kv:kv + hd]
+                out[h * hd:(h + 1) * hd] = a @ V[:, kv:kv + hd] / a.sum()
             x = x + w[p + "attn_output.weight"] @ out
             xb = rms(x, w[p + "ffn_norm.weight"])
             g = w[p + "ffn_gate.weight"] @ xb

@@ -25,8 +25,7 @@ def main():
         rc, _, err = zan("convert", gguf, model)
         check(rc == 0, f"{t}: convert: {err}")
 
-        a = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
-        b = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
+        a, b = (zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24") for _ in range(2))
         check(a[0] == 0 and a[1] == b[1], f"{t}: the same seed gave different text: {a[1]!r} vs {b[1]!r}")
         check(a[2] == "[plugin-runtime] llama (cpu)\n", f"{t}: run stderr: {a[2]!r}")
         rc, out, err = zan("run", model, "-p", "x", "-n", "0")

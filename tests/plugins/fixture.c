@@ -1,14 +1,10 @@
-/*
- * Test plugins. One source built into several libraries; FIXTURE selects
- * 1 alpha (a good record in every table, commands, capabilities), 2 beta (ids
- * that repeat alpha's, its own probes and devices), 3 bad (a refused record
- * before a good one in every table, a null table with a non-zero count),
- * 4 initnull, 5 wrongabi (ABI 2), 6 noinit, 7 initonly (only zan_plugin_init).
- * Cases vary behaviour through the environment, read at call time:
- * ZAN_TEST_<ALPHA|BETA|IMPORT|TRAIN>_CONF / _RC (a probe's confidence and
- * result), ZAN_TEST_DEVICES (devices of alpha's GPU backend, default 2),
- * ZAN_TEST_ENUM_RC / _RC2 (results of its first and second enumerate).
- */
+/* Test plugins. One source built into several libraries; FIXTURE selects 1 alpha (a good record in every
+ * table, commands, capabilities), 2 beta (ids that repeat alpha's, its own probes and devices), 3 bad (a
+ * refused record before a good one in every table, a null table with a non-zero count), 4 initnull,
+ * 5 wrongabi (ABI 2), 6 noinit, 7 initonly (only zan_plugin_init). Cases vary behaviour through the
+ * environment, read at call time: ZAN_TEST_<ALPHA|BETA|IMPORT|TRAIN>_CONF / _RC (a probe's confidence and
+ * result), ZAN_TEST_DEVICES (devices of alpha's GPU backend, default 2), ZAN_TEST_ENUM_RC / _RC2 (results
+ * of its first and second enumerate). */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -17,8 +17,7 @@ std::string kv(const std::string& key, uint32_t type, const std::string& value) 
 
 struct Tensor { std::string name; std::vector<uint64_t> dims; uint32_t type; uint64_t offset; };
 
-// A file with these entries and tensors; the data section (32-aligned)
-// holds `data` bytes.
+// A file with these entries and tensors; the data section (32-aligned) holds `data` bytes.
 std::string file(const std::vector<std::string>& kvs, const std::vector<Tensor>& tensors, size_t data,
                  uint32_t version = 3) {
   std::string f = "GGUF" + u32(version) + u64(tensors.size()) + u64(kvs.size());

@@ -191,9 +191,8 @@ void onEachPath(Body body) {
   forcePortable(false);
 }
 
-// Both paths against the reference; the two paths quantise x alike, so they differ only in the order of
-// additions (1e-5). matmul gives, token by token, what matvec gives; on the portable path it works from
-// dequantRow, which this checks too.
+// Both paths against the reference, and each other: they quantise x alike, so only the order of additions
+// differs (1e-5). matmul gives what matvec gives per token; on the portable path it works from dequantRow.
 TEST(LlamaKernels, MatvecAndMatmulMatchTheReference) {
   std::map<std::string, std::vector<float>> fast;
   onEachPath([&](const std::string& path) {

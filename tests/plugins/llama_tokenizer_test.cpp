@@ -30,8 +30,7 @@ tov::TokenizerData makeData(const char* name, const std::vector<Tok>& toks, std:
   return d;
 }
 
-// SentencePiece-style vocabulary. Type 1 normal, 2 unknown, 3 control,
-// 4 user-defined, 5 unused, 6 byte.
+// SentencePiece-style vocabulary. Type 1 normal, 2 unknown, 3 control, 4 user-defined, 5 unused, 6 byte.
 const std::vector<Tok> kSpmVocab = {
     {"<unk>", 0, 2}, {"<s>", 0, 3}, {"</s>", 0, 3}, {"<0x0A>", 0, 6}, {"<0xC3>", 0, 6},  // 0-4
     {"<0xA9>", 0, 6}, {"<0xF0>", 0, 6}, {"<0x9F>", 0, 6}, {"<0x98>", 0, 6}, {"<0x80>", 0, 6},  // 5-9
@@ -184,8 +183,7 @@ TEST(LlamaTokenizer, InitChecksTheData) {
   tov::TokenizerData bare = makeData("llama", {{"<0x41>", 0, 0}, {"▁", 0, 0}, {"b", 0, 0}, {"b", 0, 0}});
   bare.scores.clear(), bare.tokenTypes.clear();  // a repeated text keeps its first id
   const llama::Tokenizer t = made(bare);
-  EXPECT_EQ(t.bos(), -1);
-  EXPECT_EQ(t.eos(), -1);
+  EXPECT_TRUE(t.bos() == -1 && t.eos() == -1) << t.bos() << " " << t.eos();
   EXPECT_EQ(t.encode("Ab", true), (std::vector<int32_t>{1, 0, 2}));
   EXPECT_EQ(t.encode("z", true), (std::vector<int32_t>{1}));
   EXPECT_EQ(t.piece(0), "A");

@@ -1,5 +1,4 @@
-// Script compiler: errors.tbl's messages, and the *.zst cases run with a
-// host that logs each call: stdout, exit code, host log and listing compared.
+// Script compiler: errors.tbl's messages; *.zst cases run on a host that logs each call.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -77,11 +76,7 @@ class Recorder : public tov::zanb::UiHost {
 };
 
 // "=== title", an optional "exit: N", the source, then "--- stdout|host|listing|events" blocks.
-struct Case {
-  std::string title;
-  std::map<std::string, std::string> block;
-  int exit = 0;
-};
+struct Case { std::string title; std::map<std::string, std::string> block; int exit = 0; };
 
 std::vector<Case> readCases(const std::filesystem::path& path) {
   std::ifstream in(path);
