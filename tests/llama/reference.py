@@ -1,14 +1,9 @@
 #!/usr/bin/python3
-"""The llama runtime against a float64 numpy forward pass of the same GGUF.
-
+"""The llama runtime against a float64 numpy forward pass of the same GGUF:
     reference.py --zan ZAN --gguf-gen GGUF_GEN --plugin ZAN_LLAMA_SO --work DIR
-
-Per weight type and architecture: the logits after each token of a fixed
-sequence (relative error 1e-4 for F32, 1e-3 F16/BF16, 3e-2 quantised, whose
-kernels round activations to 8 bits) and, for float weights, the same 32
-greedy tokens. Then prompts of 1..500 tokens one at a time vs batches of 32
-and 512: the last logits agree within rounding.
-"""
+Per weight type and architecture: the logits after each token of a fixed sequence (relative error 1e-4 for
+F32, 1e-3 F16/BF16, 3e-2 quantised, whose kernels round activations to 8 bits) and, for float weights, the
+same 32 greedy tokens. Then prompts of 1..500 tokens one at a time vs batches of 32 and 512."""
 import argparse, ctypes, os, struct, subprocess, sys
 import numpy as np
 
@@ -29,9 +24,8 @@ def read_gguf(path):
     def string():
         nonlocal pos
         n = take("<Q")
-        s = data[pos:pos + n].decode("utf-8", "replace")
         pos += n
-        return s
+        return data[pos - n:pos].decode("utf-8", "replace")
 
     def value(t):
         if t in GGUF_SCALARS:
@@ -42,19 +36,11 @@ def read_gguf(path):
         return [value(et) for _ in range(n)]
 
     assert data[:4] == b"GGUF"
-    pos = 4
-    take("<I")
+    pos = 8  # past the magic and the version
     n_tensors, n_kv = take("<Q"), take("<Q")
-    meta = {}
-    for _ in range(n_kv):
-        key = string()
-        meta[key] = value(take("<I"))
-    infos = []
-    for _ in range(n_tensors):
-        name = string()
-        nd = take("<I")
-        dims = [take("<Q") for _ in range(nd)]
-        infos.append((name, dims, take("<I"), take("<Q")))
+    meta = {string(): value(take("<I")) for _ in range(n_kv)}  # the key is read first
+    # (name, dims, type, offset) of each tensor
+    infos = [(string(), [take("<Q") for _ in range(take("<I"))], take("<I"), take("<Q")) for _ in range(n_tensors)]
     align = meta.get("general.alignment", 32)
     base = (pos + align - 1) // align * align
     tensors = {}
@@ -72,9 +58,8 @@ def read_gguf(path):
             a = (blocks["d"].astype(np.float64)[:, None] * blocks["q"]).reshape(-1)
         elif t == 2:
             blocks = np.frombuffer(raw, np.dtype([("d", "<f2"), ("q", "u1", 16)]), n // 32)
-            lo = (blocks["q"] & 15).astype(np.int32) - 8
-            hi = (blocks["q"] >> 4).astype(np.int32) - 8
-            a = (blocks["d"].astype(np.float64)[:, None] * np.concatenate([lo, hi], axis=1)).reshape(-1)
+            q = np.concatenate([blocks["q"] & 15, blocks["q"] >> 4], axis=1).astype(np.int32) - 8
+            a = (blocks["d"].astype(np.float64)[:, None] * q).reshape(-1)
         else:
             a = dequant_k(t, raw, n)
         tensors[name] = a.reshape(list(reversed(dims))) if len(dims) > 1 else a
@@ -140,8 +125,7 @@ def forward_all(meta, w, tokens, steps):
     group = heads // kv_heads
     out_w = w.get("output.weight", w["token_embd.weight"])
     freqs = base ** (-np.arange(0, hd, 2) / hd)
-    kc = [[] for _ in range(layers)]
-    vc = [[] for _ in range(layers)]
+    kc, vc = [[] for _ in range(layers)], [[] for _ in range(layers)]
 
     def rms(x, g):
         return x / np.sqrt(np.mean(x * x) + eps) * g
@@ -176,8 +160,7 @@ def forward_all(meta, w, tokens, steps):
                 kv = (h // group) * hd
                 sc = K[:, kv:kv + hd] @ q[h * hd:(h + 1) * hd] / np.sqrt(hd)
                 a = np.exp(sc - sc.max())
-                a /= a.sum()
-                out[h * hd:(h + 1) * hd] = a @ V[:, kv:kv + hd]
+                out[h * hd:(h + 1) * hd] = a @ V[:, kv:kv + hd] / a.sum()
             x = x + w[p + "attn_output.weight"] @ out
             xb = rms(x, w[p + "ffn_norm.weight"])
             g = w[p + "ffn_gate.weight"] @ xb
@@ -185,8 +168,7 @@ def forward_all(meta, w, tokens, steps):
         return out_w @ rms(x, w["output_norm.weight"])
 
     logits = [step(t, i) for i, t in enumerate(tokens)]
-    greedy = []
-    last = logits[-1]
+    greedy, last = [], logits[-1]
     for s in range(steps):
         greedy.append(int(np.argmax(last)))
         last = step(greedy[-1], len(tokens) + s)
@@ -203,8 +185,7 @@ def main():
     run = lib.zan_llama_test_run
     run.argtypes = [ctypes.c_char_p, ctypes.POINTER(ctypes.c_int32), ctypes.c_int, ctypes.POINTER(ctypes.c_float),
                     ctypes.c_int, ctypes.POINTER(ctypes.c_int32), ctypes.c_char_p]
-    tokens = [1, 5, 17, 40, 3, 88, 21, 9]
-    steps = 32
+    tokens, steps = [1, 5, 17, 40, 3, 88, 21, 9], 32
     small = ["--dim", "64", "--ff", "160", "--heads", "4", "--kv-heads", "2"]
     wide = ["--dim", "256", "--ff", "512", "--heads", "4", "--kv-heads", "2"]  # whole K-quant super-blocks
     # (name, gguf_gen arguments, logit tolerance, greedy tokens must match)
@@ -217,8 +198,12 @@ def main():
               ("qwen3-f32", small + ["--type", "f32", "--arch", "qwen3", "--head-dim", "32"], 1e-4, True),
               ("qwen3-q6_k", ["--dim", "256", "--ff", "256", "--heads", "4", "--kv-heads", "1", "--head-dim", "64",
                               "--type", "q6_k", "--arch", "qwen3"], 3e-2, False)]
-    env = {"PATH": os.environ.get("PATH", ""), "HOME": "/nonexistent"}
-    failed = 0
+    env, fails = {"PATH": os.environ.get("PATH", ""), "HOME": "/nonexistent"}, []
+
+    def verdict(ok, line):
+        print(("ok   " if ok else "FAIL ") + line)
+        if not ok:
+            fails.append(line)
 
     def make(name, args):
         gg = os.path.join(opts.work, f"ref-{name}.gguf")
@@ -227,14 +212,12 @@ def main():
                        check=True)
         r = subprocess.run([opts.zan, "convert", gg, zz], capture_output=True, text=True, env=env)
         if r.returncode != 0:
-            print(f"FAIL {name}: convert: {r.stderr.strip()}")
-            return None, None
-        return gg, zz
+            verdict(False, f"{name}: convert: {r.stderr.strip()}")
+        return gg, zz if r.returncode == 0 else None
 
     for name, args, tol, same_greedy in cases:
         gg, zz = make(name, args)
         if not zz:
-            failed += 1
             continue
         meta, w = read_gguf(gg)
         vocab = w["token_embd.weight"].shape[0]
@@ -243,19 +226,13 @@ def main():
         greedy = (ctypes.c_int32 * steps)()
         arr = (ctypes.c_int32 * len(tokens))(*tokens)
         if run(zz.encode(), arr, len(tokens), got, steps, greedy, b"cpu;kv=f16;") != 0:
-            print(f"FAIL {name}: the runtime could not run the model")
-            failed += 1
+            verdict(False, f"{name}: the runtime could not run the model")
             continue
         got_logits = np.array(got, dtype=np.float64).reshape(len(tokens), vocab)
         err = np.max(np.abs(got_logits - want_logits)) / np.max(np.abs(want_logits))
-        ok = err <= tol
-        line = f"{name}: max relative logit error {err:.2e} (limit {tol:.0e})"
-        if same_greedy:
-            same = list(greedy) == want_greedy
-            ok = ok and same
-            line += f", greedy 32 tokens {'identical' if same else 'differ: ' + str(list(greedy)) + ' vs ' + str(want_greedy)}"
-        print(("ok   " if ok else "FAIL ") + line)
-        failed += not ok
+        same = not same_greedy or list(greedy) == want_greedy
+        verdict(err <= tol and same, f"{name}: max relative logit error {err:.2e} (limit {tol:.0e})"
+                + ("" if same else f", greedy tokens differ: {list(greedy)} vs {want_greedy}"))
 
     # Batched against one-at-a-time prompts.
     prompt = lib.zan_llama_test_prompt
@@ -268,7 +245,6 @@ def main():
                               ("batch-q4_k", wide + ["--type", "q4_k", "--ctx", "512", "--layers", "1"], 5e-3)):
         _, zz = make(name, args)
         if not zz:
-            failed += 1
             continue
         for n in (1, 31, 32, 33, 500):
             toks = (ctypes.c_int32 * n)(*rng.integers(0, 96, n).tolist())
@@ -278,15 +254,12 @@ def main():
                 rc = prompt(zz.encode(), toks, n, logits, None, f"cpu;kv=f16;ctx=512;batch={batch};".encode())
                 outs.append(np.array(logits, dtype=np.float64) if rc == 0 else None)
             if any(o is None for o in outs):
-                print(f"FAIL {name} n={n}: the runtime could not run the prompt")
-                failed += 1
+                verdict(False, f"{name} n={n}: the runtime could not run the prompt")
                 continue
             err = max(np.max(np.abs(o - outs[0])) / np.max(np.abs(outs[0])) for o in outs[1:])
-            ok = err <= limit
-            print(("ok   " if ok else "FAIL ") + f"{name} n={n}: batched vs one at a time, max relative difference "
-                  f"{err:.1e} (limit {limit:.0e})")
-            failed += not ok
-    return 1 if failed else 0
+            verdict(err <= limit, f"{name} n={n}: batched vs one at a time, max relative difference "
+                    f"{err:.1e} (limit {limit:.0e})")
+    return 1 if fails else 0
 
 
 if __name__ == "__main__":

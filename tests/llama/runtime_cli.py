@@ -4,36 +4,32 @@
 runtime_cli.py --zan ZAN --gguf-gen GGUF_GEN --work DIR [--wrapper PROGRAM (wine)]"""
 import os, re, subprocess, sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
-from zantest import opts, check, finish
+from zantest import opts, check, finish, run, WRAPPER
 
 
 def main():
     os.makedirs(opts["--work"], exist_ok=True)
     env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
-    wrapper = [opts["--wrapper"]] if opts.get("--wrapper") else []
-    if wrapper:
+    wrapper = WRAPPER
+    if WRAPPER:
         env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
 
     def zan(*args, stdin=""):
-        r = subprocess.run(wrapper + [os.path.realpath(opts["--zan"])] + list(args), input=stdin.encode(), capture_output=True,
-                           env=env, cwd=opts["--work"], timeout=120)
-        return r.returncode, r.stdout, r.stderr.decode("utf-8", "replace")
+        return run(wrapper + [os.path.realpath(opts["--zan"]), *args], stdin=stdin.encode(), env=env, cwd=opts["--work"])
 
-    for tokenizer in ("llama", "gpt2"):
-        gguf = os.path.join(opts["--work"], f"{tokenizer}.gguf")
-        model = os.path.join(opts["--work"], f"{tokenizer}.zan")
-        subprocess.run(wrapper + [opts["--gguf-gen"], "--out", gguf, "--type", "q8_0", "--tokenizer", tokenizer, "--vocab", "400",
+    for t in ("llama", "gpt2"):  # the tokenizer
+        gguf = os.path.join(opts["--work"], f"{t}.gguf")
+        model = os.path.join(opts["--work"], f"{t}.zan")
+        subprocess.run(wrapper + [opts["--gguf-gen"], "--out", gguf, "--type", "q8_0", "--tokenizer", t, "--vocab", "400",
                         "--seed", "11"], check=True)
         rc, _, err = zan("convert", gguf, model)
-        check(rc == 0, f"{tokenizer}: convert: {err}")
-        t = tokenizer
+        check(rc == 0, f"{t}: convert: {err}")
 
-        a = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
-        b = zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24")
+        a, b = (zan("run", model, "-p", "the cat sat", "--seed", "5", "-n", "24") for _ in range(2))
         check(a[0] == 0 and a[1] == b[1], f"{t}: the same seed gave different text: {a[1]!r} vs {b[1]!r}")
         check(a[2] == "[plugin-runtime] llama (cpu)\n", f"{t}: run stderr: {a[2]!r}")
         rc, out, err = zan("run", model, "-p", "x", "-n", "0")
-        check(rc == 0 and out == b"\n", f"{t}: -n 0 should answer nothing: {out!r} {err}")
+        check(rc == 0 and out == "\n", f"{t}: -n 0 should answer nothing: {out!r} {err}")
         rc, out, err = zan("run", model, "-p", "hi", "-kv", "q8_0", "-c", "64", "-n", "8")
         check(rc == 0 and "[cfg] ctx=64 kv=q8_0\n" in err, f"{t}: -kv q8_0 -c 64: {rc} {err}")
         rc, out, err = zan("run", model, "-p", "one two three four five six seven", "-c", "4")
@@ -41,15 +37,13 @@ def main():
                                     r"holds only 4 more\nzan: generation failed \(3\)\n$", err),
               f"{t}: a prompt over the context: {rc} {err}")
 
-        rc, out, err = zan("chat", model, "-n", "8", stdin="hello there\n/clear\nagain\n")
-        text = out.decode("utf-8", "replace")
+        rc, text, err = zan("chat", model, "-n", "8", stdin="hello there\n/clear\nagain\n")
         check(rc == 0 and text.startswith("Halden chat (plugin runtime llama)\ncommands: /exit /quit, /clear\nUser: ")
               and text.count("\nModel: ") == 2 and text.endswith("User: "), f"{t}: chat: {rc} {text!r}")
         check(err.count("[zan chat] streaming via llama (v2s)\n") == 2, f"{t}: chat stderr: {err!r}")
 
         # A conversation longer than the context starts over instead of failing.
-        rc, out, err = zan("chat", model, "-c", "80", stdin="one\ntwo\nthree\nfour\n")
-        text = out.decode("utf-8", "replace")
+        rc, text, err = zan("chat", model, "-c", "80", stdin="one\ntwo\nthree\nfour\n")
         check(rc == 0 and text.count("\nModel: ") == 4 and text.endswith("User: ") and "failed" not in err,
               f"{t}: chat over a small context: {rc} {text!r} {err!r}")
 
@@ -63,17 +57,14 @@ def main():
     check(at > 0, "no token_embd.weight record in the container")
     data[at + 16:at + 17] = b"X"
     broken = os.path.join(opts["--work"], "broken.zan")
-    open(broken, "wb").write(bytes(data))
-    rc, out, err = zan("run", broken, "-p", "hi")
-    check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
-          "missing tensor token_embd.weight\n", f"broken model: {rc} {err!r}")
     # Another architecture is claimed weakly, and create names it.
     other = data.replace(b"\x05\x00\x00\x00llama", b"\x05\x00\x00\x00gemma", 1)
-    open(broken, "wb").write(bytes(other))
-    rc, out, err = zan("run", broken, "-p", "hi")
-    check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: "
-          "architecture 'gemma' is not supported (llama, mistral, qwen2 and qwen3 are)\n",
-          f"another architecture: {rc} {err!r}")
+    for blob, why in ((data, "missing tensor token_embd.weight"),
+                      (other, "architecture 'gemma' is not supported (llama, mistral, qwen2 and qwen3 are)")):
+        open(broken, "wb").write(bytes(blob))
+        rc, out, err = zan("run", broken, "-p", "hi")
+        check(rc == 1 and err == f"[plugin-runtime] llama (cpu)\nzan: runtime create failed: {broken}: {why}\n",
+              f"broken model: {rc} {err!r}")
 
     # A qwen2 file with a byte-level BPE tokenizer and a pre-tokenizer name
     # we don't know: it runs on the GPT-2 split and says so, once.
@@ -88,7 +79,7 @@ def main():
           "zan_llama: unknown pre-tokenizer \"tekken\": using the GPT-2 split\n", f"qwen2 run: {rc} {err!r}")
 
     rc, out, err = zan("info", os.path.join(opts["--work"], "llama.zan"))
-    check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out.decode(), f"info: {out!r} {err}")
+    check(rc == 0 and "  runtime: llama (conf 80, arch llama)\n" in out, f"info: {out!r} {err}")
     return finish()
 
 

@@ -1,6 +1,4 @@
-// The plugin manager on the built test plugins: the search list, the
-// frozen-registry warning, probes and their tie rules, lookups by id and by
-// capability, commands, and shutdown.
+// The plugin manager's search list, and commands and shutdown on the built test plugins.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -20,18 +18,14 @@ namespace fs = std::filesystem;
 const std::string kPlugins = ZAN_TEST_PLUGIN_DIR;
 
 // Sets (or with null, clears) an environment variable for one scope.
-class EnvVar {
- public:
-  EnvVar(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old, had_ = true;
+struct EnvVar {
+  EnvVar(const char* name, const char* value) : name(name), had(std::getenv(name)), old(had ? std::getenv(name) : "") {
     value ? setenv(name, value, 1) : unsetenv(name);
   }
-  ~EnvVar() { had_ ? setenv(name_, old_.c_str(), 1) : unsetenv(name_); }
-
- private:
-  const char* name_;
-  std::string old_;
-  bool had_ = false;
+  ~EnvVar() { had ? setenv(name, old.c_str(), 1) : unsetenv(name); }
+  const char* name;
+  bool had;
+  std::string old;
 };
 
 std::string exePlugins() {

@@ -1,22 +1,10 @@
-/*
- * Test plugins. One source, built into several libraries; FIXTURE selects
- * what each one is:
- *
- *   1 alpha     a good record in every table, commands, capabilities
- *   2 beta      ids that repeat alpha's, its own probes and devices
- *   3 bad       a refused record before a good one in every table, and a
- *               null table with a non-zero count
- *   4 initnull  zan_plugin_init returns null
- *   5 wrongabi  zan_plugin_init returns ABI 2
- *   6 noinit    no zan_plugin_init at all
- *   7 initonly  zan_plugin_init and nothing else
- *
- * Behaviour that cases vary is read from the environment at call time:
- *   ZAN_TEST_<NAME>_CONF / _RC    a probe's confidence and result
- *                                 (NAME: ALPHA, BETA, IMPORT, TRAIN)
- *   ZAN_TEST_DEVICES              devices of alpha's GPU backend (default 2)
- *   ZAN_TEST_ENUM_RC / _RC2       results of its first and second enumerate
- */
+/* Test plugins. One source built into several libraries; FIXTURE selects 1 alpha (a good record in every
+ * table, commands, capabilities), 2 beta (ids that repeat alpha's, its own probes and devices), 3 bad (a
+ * refused record before a good one in every table, a null table with a non-zero count), 4 initnull,
+ * 5 wrongabi (ABI 2), 6 noinit, 7 initonly (only zan_plugin_init). Cases vary behaviour through the
+ * environment, read at call time: ZAN_TEST_<ALPHA|BETA|IMPORT|TRAIN>_CONF / _RC (a probe's confidence and
+ * result), ZAN_TEST_DEVICES (devices of alpha's GPU backend, default 2), ZAN_TEST_ENUM_RC / _RC2 (results
+ * of its first and second enumerate). */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -104,15 +92,10 @@ static int32_t enumerateGpus(ZANDeviceQuery* q) {
 }
 
 #if FIXTURE == 1
+static const ZANBackendDeviceInfo kHostCpu = {0, 0, "cpu0", "Host CPU", 0, 0, 1024, 0, 0, kBackendCapHost};
 static int32_t enumerateHost(ZANDeviceQuery* q) {
   q->count = 1;
-  if (q->devices) {
-    q->devices[0].index = 0;
-    q->devices[0].id = "cpu0";
-    q->devices[0].name = "Host CPU";
-    q->devices[0].memory = 1024;
-    q->devices[0].caps = kBackendCapHost;
-  }
+  if (q->devices) q->devices[0] = kHostCpu;
   return 0;
 }
 #endif

@@ -1,19 +1,16 @@
 /*
  * A test plugin for the model commands: runtimes, an importer, a trainer and
  * a "zan2" format that answer with what the host sent them, so that tests
- * can check the host's records byte for byte. Runtimes claim files by their
- * ending:
- *
+ * can check the host's records byte for byte. Runtimes claim files by ending:
  *   .rec     generate and chatTurn answer with the create hint and every
  *            ZANGenParams field; no streaming record, so chat blocks
- *   .stream  chatTurnStream emits the words of the line one by one; with
+ *   .stream  chatTurnStream emits the line word by word; with
  *            ZAN_TEST_STREAM_FOREVER it emits "tick " until *stop becomes 1
  *   .bench   bench answers the ms/token values of ZAN_TEST_BENCH_MS in turn
  *            ("3.0,1.0,fail,..."; "fail" returns 9)
- *   .v1      a probe record with no v2 record behind it
- *   .noterm  generate fills the whole buffer with "x" and no terminator
- *
- * create fails for a model path containing "fail". ZAN_TEST_GEN_RC sets the
+ *   .v1      a probe record with no v2 record; .noterm: generate fills the
+ *            whole buffer with "x" and no terminator
+ * create fails for a model path containing "fail"; ZAN_TEST_GEN_RC sets the
  * result of generate. Every call that matters leaves a line on stderr.
  */
 #include <stdio.h>
@@ -35,13 +32,10 @@ static int endsWith(const char* s, const char* suffix) {
   return n >= m && memcmp(s + n - m, suffix, m) == 0;
 }
 
-/* ---- Runtimes ----------------------------------------------------------- */
-
 typedef struct Session {
   char hint[512];
   const ZANGenParams* params; /* from configure, read again on every turn */
-  int turns;
-  int benchRun;
+  int turns, benchRun;
 } Session;
 
 static int32_t probeBy(const char* path, ZANRuntimeProbe* out, const char* ending, int confidence) {
@@ -115,19 +109,15 @@ static int32_t chatClear(void* h) {
   return 0;
 }
 
-static void pause20ms(void) {
-  struct timespec t = {0, 20 * 1000000L};
-  nanosleep(&t, NULL);
-}
-
 static int32_t chatStream(void* h, const char* text, ZANTokenFn onToken, void* user, volatile int* stop) {
   Session* s = (Session*)h;
   ++s->turns;
   if (getenv("ZAN_TEST_STREAM_FOREVER")) {
     /* Until Ctrl-C, or a minute at most so a broken host can't hang a test. */
     for (int i = 0; i < 3000 && !*stop; ++i) {
+      struct timespec t = {0, 20 * 1000000L};
       onToken("tick ", 5, user);
-      pause20ms();
+      nanosleep(&t, NULL);
     }
     onToken(*stop ? "[stopped]" : "[timeout]", 9, user);
     return 0;
@@ -182,8 +172,6 @@ static const ZANRuntimeV2Desc kRuntimesV2[] = {
 
 static const ZANRuntimeV2SDesc kStreams[] = {{1, 24, "stream", chatStream}};
 
-/* ---- Importer, trainer, format ------------------------------------------ */
-
 static int32_t importProbe(const char* path, ZANProbeResult* out) {
   if (endsWith(path, ".gguf")) {
     out->confidence = 10;
@@ -234,9 +222,7 @@ static int32_t train(const ZANTuneRequest* req) {
 
 static const ZANTrainerDesc kTrainers[] = {{1, 0, "lora", "Test trainer", 0, trainProbe, train}};
 
-typedef struct Opened {
-  long size;
-} Opened;
+typedef struct Opened { long size; } Opened;
 
 static int32_t fmtOpen(const char* path, void** out) {
   FILE* f = fopen(path, "rb");

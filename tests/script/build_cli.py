@@ -64,7 +64,7 @@ def main():
     check(listing.startswith("ZANB v1: funcs=1 globals=0 data=8B code=15 insn entry=0 mem=1..1 pages\n"),
           f"listing head: {listing[:80]!r}")
     # Without -o: the base name with .zan, here; a directory packs its assets beside main.zs.
-    rc, out, err = zan("build", "prog.zs")
+    zan("build", "prog.zs")
     rc, out, err = zan("appinfo", "prog.zan")
     check(rc == 0 and "entry:    prog.zanb" in out and "platform: zanb" in out, f"appinfo: {out!r}")
     write("app/main.zs", PROG)
