@@ -1,35 +1,23 @@
 #!/usr/bin/env python3
-"""Runs the cases of .case files against a built zan; stdout, stderr and the
-exit code must match exactly.
-    run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR]
-                 [--platform linux|windows] [--wrapper PROGRAM] FILE.case...
---platform windows: a Windows build (zan.exe, .dll plugins), run through
---wrapper (wine) when given.
+"""Runs the cases of .case files against a built zan; stdout, stderr and exit code must match exactly.
+    run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR] [--platform linux|windows] [--wrapper PROG] FILE...
+(windows: zan.exe and .dll plugins, run through --wrapper (wine) when given.)
 
-Sections open with "=== TITLE"; "=== text NAME" is a named text (its lines up
-to the next section). A case: header lines, then blocks opened by "--- ":
-    args: run "two words" x.zanb   zan's arguments, split as a shell would;
-                                   each args line runs the case once
-    env: NAME=VALUE                one variable (repeatable; before the first
-                                   section: for every case)
-    exit: N                        the exit code (default 0)
-    env windows: / exit windows:   a Windows build's own value
-    --- stdout|stderr [text=NAME] [noeol] [hex] [part] [windows]
-                                   expected output (missing: empty; part: found
-                                   within it; windows: a Windows build's own)
-    --- stdin                      standard input
-    --- file NAME [size=N] [text=T] [exec]    a text fixture
+"=== TITLE" opens a case, "=== text NAME" a named text (its lines up to the next section). A case: header
+lines, then blocks opened by "--- ". Header: `args: run "two words"` (split as a shell would; each args
+line runs the case once), `env: NAME=VALUE` (repeatable; before the first section: every case), `exit: N`
+(default 0); `env windows:` / `exit windows:` are a Windows build's own values. Blocks:
+    --- stdout|stderr [text=NAME] [noeol] [hex] [part] [windows]   expected output (missing: empty; part:
+                                   found within it; windows: a Windows build's own)
+    --- stdin / --- file NAME [size=N] [text=T] [exec]   standard input / a text fixture
     --- zana NAME [size=N]         ZANA text, assembled by zana2zanb into NAME
-    --- hex NAME [size=N] [text=T] bytes: "5a41", "BB*N" (N copies), "quoted
-                                   text" (\\n \\t \\0 \\" \\\\), "#" comments
+    --- hex NAME [size=N] [text=T] bytes: "5a41", "BB*N" (N copies), "quoted" (\\n \\t \\0 \\" \\\\), "#" comments
     --- link NAME / --- copy NAME  a symbolic link to / a copy of the body's line
-Body lines end with a line feed (noeol: not the last); trailing blank and "#"
-lines are dropped; a leading backslash is dropped ("\\---", "\\#", a lone "\\"
-for a kept empty line); "@@ N TEXT" is N lines of TEXT, {i} counting from 0;
-size=N cuts or zero-pads. @TMP@ (the case's directory, cwd and HOME), @ZAN@,
-@PLUGINS@ and @SO@ (".so" or ".dll") are replaced in args, env, stdin, fixture
-names and texts, link and copy bodies and expected output. zan runs as a copy
-in a directory of its own with only PATH, HOME and the env lines set.
+Body lines end with a line feed (noeol: not the last); trailing blank and "#" lines are dropped; a leading
+backslash is dropped ("\\---", "\\#", a lone "\\" for a kept empty line); "@@ N TEXT" is N lines of TEXT, {i}
+counting from 0; size=N cuts or zero-pads. @TMP@ (the case's directory, cwd and HOME), @ZAN@, @PLUGINS@ and
+@SO@ (".so" or ".dll") are replaced in args, env, stdin, fixture names and texts, link and copy bodies and
+expected output. zan runs as a copy in a directory of its own with only PATH, HOME and the env lines set.
 """
 import argparse, os, re, shlex, shutil, subprocess, sys, tempfile
 

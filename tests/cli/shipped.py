@@ -1,22 +1,12 @@
 #!/usr/bin/env python3
-"""The plugins we ship, found beside the built zan with no setting at all:
-shipped.py --zan PATH --gguf-gen PATH --work DIR [--wrapper PROGRAM (wine)].
-Converts gguf_gen's files and checks the container independently against the
-GGUF file; refusals name the problem and leave nothing behind."""
+"""The shipped plugins, found beside zan with no setting: gguf_gen's files converted and checked against the GGUF
+file; refusals leave nothing.   shipped.py --zan PATH --gguf-gen PATH --work DIR [--wrapper wine]"""
 import json, os, re, struct, subprocess, sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
-from zantest import opts, check, finish
+from zantest import opts, check, finish, run, home_env, WRAPPER
 
-WRAPPER = [opts["--wrapper"]] if opts.get("--wrapper") else []
 WORK, ZAN, GEN = opts["--work"], os.path.realpath(opts["--zan"]), opts["--gguf-gen"]
-
-
-def zan(*args):
-    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": "/nonexistent"}
-    if WRAPPER:
-        env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")}, WINEHOME="/nonexistent")
-    r = subprocess.run(WRAPPER + [ZAN, *args], capture_output=True, text=True, env=env, cwd=WORK)
-    return r.returncode, r.stdout, r.stderr
+zan = lambda *args: run(WRAPPER + [ZAN, *args], env=home_env("/nonexistent"), cwd=WORK)
 
 
 def read_zan2(path):
