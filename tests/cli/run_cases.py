@@ -19,10 +19,11 @@ counting from 0; size=N cuts or zero-pads. @TMP@ (the case's directory, cwd and 
 @SO@ (".so" or ".dll") are replaced in args, env, stdin, fixture names and texts, link and copy bodies and
 expected output. zan runs as a copy in a directory of its own with only PATH, HOME and the env lines set.
 """
-import argparse, os, re, shlex, shutil, subprocess, sys, tempfile
+import os, re, shlex, shutil, subprocess, sys, tempfile
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, WRAPPER  # WRAPPER: --wrapper, the program that runs a Windows build here
 
-WINDOWS = False  # --platform windows
-WRAPPER = []  # --wrapper: the program that runs a Windows build here
+WINDOWS = opts.get("--platform") == "windows"
 
 
 def body(lines, noeol=False):
@@ -167,26 +168,16 @@ def run(c, args, zan, tools, plugins):
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--zana2zanb", required=True)
-    ap.add_argument("--plugins", default="")
-    ap.add_argument("--platform", choices=("linux", "windows"), default="linux")
-    ap.add_argument("--wrapper", default="")
-    ap.add_argument("files", nargs="+")
-    o = ap.parse_args()
-    global WINDOWS, WRAPPER
-    WINDOWS, WRAPPER = o.platform == "windows", [o.wrapper] if o.wrapper else []
     failed = 0
     with tempfile.TemporaryDirectory(prefix="zan-cli-bin-") as bindir:
         # A copy of its own, so the plugins built beside the real zan don't join.
         zan = os.path.join(bindir, "zan.exe" if WINDOWS else "zan")
-        shutil.copy2(os.path.realpath(o.zan), zan)
-        plugins = os.path.realpath(o.plugins) if o.plugins else ""
-        for path in o.files:
+        shutil.copy2(os.path.realpath(opts["--zan"]), zan)
+        plugins = os.path.realpath(opts["--plugins"]) if opts.get("--plugins") else ""
+        for path in [a for a in sys.argv[1:] if a.endswith(".case")]:
             for c in parse(path):
                 for args in c["args"]:
-                    bad = run(c, args, zan, os.path.realpath(o.zana2zanb), plugins)
+                    bad = run(c, args, zan, os.path.realpath(opts["--zana2zanb"]), plugins)
                     failed += bool(bad)
                     print(("FAIL " if bad else "ok   ") + c["title"] + ("  $ zan " + shlex.join(args) if bad else ""))
                     for b in bad:
