@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""The window for real on a private Xvfb: pixels read back with xwd, input
-sent with xdotool comes back as the events the program prints, close ends it.
-    x11_window.py --zan PATH --keys PROBE --work DIR [--wrapper wine]"""
+"""The window on a private Xvfb: pixels read back with xwd, xdotool's input comes back as the events the
+program prints, close ends it.   x11_window.py --zan PATH --keys PROBE --work DIR [--wrapper wine]"""
 import gzip, os, shutil, struct, subprocess, sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
