@@ -1,5 +1,4 @@
-// HttpFetcher against raw_http_server.py on 127.0.0.1: the catalog (and file and
-// command jobs beside it) over files it serves, and a stall mid-body.
+// HttpFetcher against raw_http_server.py: the catalog (with file and command jobs beside it), a stall mid-body.
 #include "store/http_fetch.h"
 
 #include <gtest/gtest.h>
