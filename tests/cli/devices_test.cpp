@@ -5,8 +5,6 @@
 #include <fstream>
 #include <string>
 
-#include <unistd.h>
-
 #include "base/compat.h"
 #include "cli/devices.h"
 #include "tests/test_tmp.h"

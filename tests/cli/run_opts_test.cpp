@@ -1,14 +1,10 @@
-// The run options: flag grammar and refusals, device plans, the create hint
-// and the [cfg] echo, and system prompts read from files.
+// The run options: flag grammar and refusals, device plans, the create hint and the [cfg] echo.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli/run_opts.h"
-#include "tests/test_tmp.h"
 
 namespace {
 
