@@ -101,11 +101,10 @@ def parse(path):
             if "text" in opt and "noeol" in opt:
                 text = text[:-1]
             if kind in ("stdout", "stderr", "stdin"):
-                if "windows" in opt and not WINDOWS:
-                    continue
-                if kind + "win" in c and not "windows" in opt:
-                    continue  # the Windows block came first
-                if "windows" in opt:
+                win = "windows" in opt
+                if (win and not WINDOWS) or (not win and kind + "win" in c):
+                    continue  # another platform's block, or the Windows block came first
+                if win:
                     c[kind + "win"] = True
                 c[kind] = hex_bytes(lines) if "hex" in opt else text.encode()
                 c[kind + "part"] = "part" in opt
