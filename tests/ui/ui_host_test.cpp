@@ -115,8 +115,7 @@ constexpr bool kWindows = false;
 
 TEST(UiRuntimeHost, ScriptedInputIsParsedAtConstruction) {
   const std::tuple<const char*, const char*, std::string> rows[] = {
-      {"ZAN_UI_SCRIPT", "wait3;10,20;wait2;30,40", "click 10,20/3 click 30,40/2 "},
-      {"ZAN_UI_SCRIPT", "wait5", ""},
+      {"ZAN_UI_SCRIPT", "wait3;10,20;wait2;30,40", "click 10,20/3 click 30,40/2 "}, {"ZAN_UI_SCRIPT", "wait5", ""},
       {"ZAN_UI_SCRIPT", "1,2xyz;;bad;wait-4;wait1;-3,4;wait9;", "click 1,2/0 click -3,4/1 "},
       {"ZAN_UI_KEYS", "Ctrl+a,wait4,Return", "key 0:a:2/0 key 65293::0/4 "},
       {"ZAN_UI_KEYS", "a+b,,Shift+Alt+Left,ctrl+,wait2,\xC3\xA9x,wait,\xE2\x82",
@@ -124,10 +123,8 @@ TEST(UiRuntimeHost, ScriptedInputIsParsedAtConstruction) {
       {"ZAN_UI_KEYS", "Enter,Backspace,Delete,del", "key 65293::0/0 key 65288::0/0 key 65439::0/0 "
                                                    "key 0:d:0/0 key 0:e:0/0 key 0:l:0/0 "},
       {"ZAN_UI_DRAG", "0,0,10,-5,4", "drag 0,0+ drag 2,-1+ drag 5,-2+ drag 7,-3+ drag 10,-5+ drag 10,-5 "},
-      {"ZAN_UI_DRAG", "0,0,3,3,0", "drag 0,0+ drag 3,3+ drag 3,3 "},
-      {"ZAN_UI_DRAG", "1,1,3", ""},
-      {"ZAN_UI_HOVER", "7,x", ""},
-      {"ZAN_UI_HOVER", "7,8", "hover 7,8 "},
+      {"ZAN_UI_DRAG", "0,0,3,3,0", "drag 0,0+ drag 3,3+ drag 3,3 "}, {"ZAN_UI_DRAG", "1,1,3", ""},
+      {"ZAN_UI_HOVER", "7,x", ""}, {"ZAN_UI_HOVER", "7,8", "hover 7,8 "},
       {"ZAN_UI_WHEEL", "1,2,3;x;4,5,-1;", "wheel 1,2,3 wheel 4,5,-1 "},
   };
   for (const auto& [var, value, parsed] : rows) {
