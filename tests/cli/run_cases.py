@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Runs the cases of .case files against a built zan; stdout, stderr and exit code must match exactly.
-    run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR] [--platform linux|windows] [--wrapper PROG] FILE...
-(windows: zan.exe and .dll plugins, run through --wrapper (wine) when given.)
+"""Runs the cases of .case files against a built zan; stdout, stderr and exit code must match exactly. windows:
+zan.exe and .dll plugins, through --wrapper (wine) when given.   run_cases.py --zan PATH --zana2zanb PATH
+[--plugins DIR] [--platform linux|windows] [--wrapper PROG] FILE...
 
 "=== TITLE" opens a case, "=== text NAME" a named text (its lines up to the next section). A case: header
 lines, then blocks opened by "--- ". Header: `args: run "two words"` (split as a shell would; each args
