@@ -1,24 +1,14 @@
 #!/usr/bin/env python3
-"""Ctrl-C under a pseudo-terminal stops each of two streamed chat turns, does
-nothing at the prompt, and end of input ends the chat with exit code 0:
-chat_sigint.py --zan PATH --plugins DIR [--wrapper PROGRAM]. Under wine the
-console reads the keys itself (Enter is a carriage return) while the terminal
-still turns Ctrl-C into an interrupt."""
+"""Under a pseudo-terminal Ctrl-C stops each of two streamed chat turns and does nothing at the prompt; end of
+input ends the chat with 0.   chat_sigint.py --zan PATH --plugins DIR [--wrapper wine]"""
 import os, pty, re, select, sys, termios, time, tty
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
-from zantest import opts
+from zantest import opts, check, finish, home_env, WRAPPER
 
 DEADLINE_SECONDS = 30
-
-# wine's console draws what the program writes with cursor moves: a move
-# right stands for blanks, other control sequences for nothing.
+# wine's console draws the output with cursor moves: a move right stands for blanks, other sequences for nothing.
 CURSOR_RIGHT = re.compile(rb"\x1b\[K\x1b\[(\d*)C")
 CONTROL = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]")
-
-
-def screen_text(raw):
-    raw = CURSOR_RIGHT.sub(lambda m: b" " * int(m.group(1) or 1), raw)
-    return CONTROL.sub(b"", raw)
 
 
 class Session:
@@ -31,12 +21,11 @@ class Session:
                 mode[3] |= termios.ISIG
                 termios.tcsetattr(0, termios.TCSANOW, mode)
             os.execve(argv[0], argv, env)
-        self.raw = b""
-        self.taken = 0
+        self.raw, self.taken = b"", 0
 
     @property
     def seen(self):
-        return screen_text(self.raw)[self.taken:]
+        return CONTROL.sub(b"", CURSOR_RIGHT.sub(lambda m: b" " * int(m.group(1) or 1), self.raw))[self.taken:]
 
     def read(self, what):
         """One chunk of output (b"" at its end), or an error naming `what`."""
@@ -46,7 +35,7 @@ class Session:
                                  + self.seen.decode("utf-8", "replace"))
         try:
             chunk = os.read(self.fd, 4096)
-        except OSError:
+        except OSError:  # the terminal's end once zan exited
             chunk = b""
         self.raw += chunk
         return chunk
@@ -57,10 +46,7 @@ class Session:
         while want not in self.seen:
             if not self.read(repr(text)):
                 raise AssertionError(f"zan ended before {text!r}; output:\n" + self.seen.decode("utf-8", "replace"))
-        seen = self.seen
-        at = seen.index(want) + len(want)
-        self.taken += at
-        return seen[:at].decode("utf-8", "replace")
+        self.taken += self.seen.index(want) + len(want)
 
     def finish(self):
         """Drains the output and gives the exit status."""
@@ -71,29 +57,21 @@ class Session:
 
 
 def main():
-    env = {
-        "PATH": os.environ.get("PATH", "/usr/bin:/bin"),
-        "HOME": "/nonexistent",
-        "ZAN_PLUGIN_PATH": os.path.join(os.path.realpath(opts["--plugins"]), "model"),
-        "ZAN_TEST_STREAM_FOREVER": "1",
-    }
-    wrapper = [opts["--wrapper"]] if opts.get("--wrapper") else []
-    if wrapper:
-        env.update({k: v for k, v in os.environ.items() if k.startswith("WINE")})
-    s = Session(wrapper + [os.path.realpath(opts["--zan"]), "chat", "m.stream"], env, raw=bool(wrapper))
+    env = dict(home_env("/nonexistent"), ZAN_PLUGIN_PATH=os.path.realpath(opts["--plugins"]) + "/model",
+               ZAN_TEST_STREAM_FOREVER="1")
+    s = Session(WRAPPER + [os.path.realpath(opts["--zan"]), "chat", "m.stream"], env, raw=bool(WRAPPER))
     try:
         s.expect("User: ")
         for turn in ("first", "second"):
-            os.write(s.fd, turn.encode() + (b"\r" if wrapper else b"\n"))  # Enter
+            os.write(s.fd, turn.encode() + (b"\r" if WRAPPER else b"\n"))  # Enter
             s.expect("Model: ")
             s.expect("tick tick ")       # streaming is under way
             os.write(s.fd, b"\x03")  # the terminal's interrupt character
             s.expect("[stopped]")        # the runtime saw its stop word
             s.expect("User: ")           # and the loop asks again
         os.write(s.fd, b"\x03")  # at the prompt: no effect
-        # end of input; wine's console gives no end for Ctrl-Z, so there the
-        # chat is left with /exit
-        os.write(s.fd, b"/exit\r" if wrapper else b"\x04")
+        # end of input; wine's console gives no end for Ctrl-Z, so there the chat is left with /exit
+        os.write(s.fd, b"/exit\r" if WRAPPER else b"\x04")
         status = s.finish()
     except AssertionError as e:
         os.kill(s.pid, 9)
@@ -101,14 +79,9 @@ def main():
         print(f"FAIL {e}")
         return 1
     rest = s.seen.decode("utf-8", "replace")
-    if not os.WIFEXITED(status) or os.WEXITSTATUS(status) != 0:
-        print(f"FAIL zan did not exit with 0 (status {status}); output after the turns:\n{rest}")
-        return 1
-    if "[model] destroy" not in rest:
-        print(f"FAIL the runtime was not destroyed; output after the turns:\n{rest}")
-        return 1
-    print("ok   two streamed turns stopped by Ctrl-C, Ctrl-C at the prompt ignored, exit 0 at end of input")
-    return 0
+    check(os.WIFEXITED(status) and os.WEXITSTATUS(status) == 0, f"status {status}; output after the turns:\n{rest}")
+    check("[model] destroy" in rest, f"the runtime was not destroyed; output after the turns:\n{rest}")
+    return finish()
 
 
 if __name__ == "__main__":

@@ -1,40 +1,29 @@
 #!/usr/bin/env python3
-"""Runs the cases of .case files against a built zan; stdout, stderr and the
-exit code must match exactly.
-    run_cases.py --zan PATH --zana2zanb PATH [--plugins DIR]
-                 [--platform linux|windows] [--wrapper PROGRAM] FILE.case...
---platform windows: a Windows build (zan.exe, .dll plugins), run through
---wrapper (wine) when given.
+"""Runs the cases of .case files against a built zan; stdout, stderr and exit code must match exactly. windows:
+zan.exe and .dll plugins, through --wrapper (wine) when given.   run_cases.py --zan PATH --zana2zanb PATH
+[--plugins DIR] [--platform linux|windows] [--wrapper PROG] FILE...
 
-Sections open with "=== TITLE"; "=== text NAME" is a named text (its lines up
-to the next section). A case: header lines, then blocks opened by "--- ":
-    args: run "two words" x.zanb   zan's arguments, split as a shell would;
-                                   each args line runs the case once
-    env: NAME=VALUE                one variable (repeatable; before the first
-                                   section: for every case)
-    exit: N                        the exit code (default 0)
-    env windows: / exit windows:   a Windows build's own value
-    --- stdout|stderr [text=NAME] [noeol] [hex] [part] [windows]
-                                   expected output (missing: empty; part: found
-                                   within it; windows: a Windows build's own)
-    --- stdin                      standard input
-    --- file NAME [size=N] [text=T] [exec]    a text fixture
+"=== TITLE" opens a case, "=== text NAME" a named text (its lines up to the next section). A case: header
+lines, then blocks opened by "--- ". Header: `args: run "two words"` (split as a shell would; each args
+line runs the case once), `env: NAME=VALUE` (repeatable; before the first section: every case), `exit: N`
+(default 0); `env windows:` / `exit windows:` are a Windows build's own values. Blocks:
+    --- stdout|stderr [text=NAME] [noeol] [hex] [part] [windows]   expected output (missing: empty; part:
+                                   found within it; windows: a Windows build's own)
+    --- stdin / --- file NAME [size=N] [text=T] [exec]   standard input / a text fixture
     --- zana NAME [size=N]         ZANA text, assembled by zana2zanb into NAME
-    --- hex NAME [size=N] [text=T] bytes: "5a41", "BB*N" (N copies), "quoted
-                                   text" (\\n \\t \\0 \\" \\\\), "#" comments
+    --- hex NAME [size=N] [text=T] bytes: "5a41", "BB*N" (N copies), "quoted" (\\n \\t \\0 \\" \\\\), "#" comments
     --- link NAME / --- copy NAME  a symbolic link to / a copy of the body's line
-Body lines end with a line feed (noeol: not the last); trailing blank and "#"
-lines are dropped; a leading backslash is dropped ("\\---", "\\#", a lone "\\"
-for a kept empty line); "@@ N TEXT" is N lines of TEXT, {i} counting from 0;
-size=N cuts or zero-pads. @TMP@ (the case's directory, cwd and HOME), @ZAN@,
-@PLUGINS@ and @SO@ (".so" or ".dll") are replaced in args, env, stdin, fixture
-names and texts, link and copy bodies and expected output. zan runs as a copy
-in a directory of its own with only PATH, HOME and the env lines set.
+Body lines end with a line feed (noeol: not the last); trailing blank and "#" lines are dropped; a leading
+backslash is dropped ("\\---", "\\#", a lone "\\" for a kept empty line); "@@ N TEXT" is N lines of TEXT, {i}
+counting from 0; size=N cuts or zero-pads. @TMP@ (the case's directory, cwd and HOME), @ZAN@, @PLUGINS@ and
+@SO@ (".so" or ".dll") are replaced in args, env, stdin, fixture names and texts, link and copy bodies and
+expected output. zan runs as a copy in a directory of its own with only PATH, HOME and the env lines set.
 """
-import argparse, os, re, shlex, shutil, subprocess, sys, tempfile
+import os, re, shlex, shutil, subprocess, sys, tempfile
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")
+from zantest import opts, WRAPPER  # WRAPPER: --wrapper, the program that runs a Windows build here
 
-WINDOWS = False  # --platform windows
-WRAPPER = []  # --wrapper: the program that runs a Windows build here
+WINDOWS = opts.get("--platform") == "windows"
 
 
 def body(lines, noeol=False):
@@ -112,11 +101,10 @@ def parse(path):
             if "text" in opt and "noeol" in opt:
                 text = text[:-1]
             if kind in ("stdout", "stderr", "stdin"):
-                if "windows" in opt and not WINDOWS:
-                    continue
-                if kind + "win" in c and not "windows" in opt:
-                    continue  # the Windows block came first
-                if "windows" in opt:
+                win = "windows" in opt
+                if (win and not WINDOWS) or (not win and kind + "win" in c):
+                    continue  # another platform's block, or the Windows block came first
+                if win:
                     c[kind + "win"] = True
                 c[kind] = hex_bytes(lines) if "hex" in opt else text.encode()
                 c[kind + "part"] = "part" in opt
@@ -179,26 +167,16 @@ def run(c, args, zan, tools, plugins):
 
 
 def main():
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--zan", required=True)
-    ap.add_argument("--zana2zanb", required=True)
-    ap.add_argument("--plugins", default="")
-    ap.add_argument("--platform", choices=("linux", "windows"), default="linux")
-    ap.add_argument("--wrapper", default="")
-    ap.add_argument("files", nargs="+")
-    o = ap.parse_args()
-    global WINDOWS, WRAPPER
-    WINDOWS, WRAPPER = o.platform == "windows", [o.wrapper] if o.wrapper else []
     failed = 0
     with tempfile.TemporaryDirectory(prefix="zan-cli-bin-") as bindir:
         # A copy of its own, so the plugins built beside the real zan don't join.
         zan = os.path.join(bindir, "zan.exe" if WINDOWS else "zan")
-        shutil.copy2(os.path.realpath(o.zan), zan)
-        plugins = os.path.realpath(o.plugins) if o.plugins else ""
-        for path in o.files:
+        shutil.copy2(os.path.realpath(opts["--zan"]), zan)
+        plugins = os.path.realpath(opts["--plugins"]) if opts.get("--plugins") else ""
+        for path in [a for a in sys.argv[1:] if a.endswith(".case")]:
             for c in parse(path):
                 for args in c["args"]:
-                    bad = run(c, args, zan, os.path.realpath(o.zana2zanb), plugins)
+                    bad = run(c, args, zan, os.path.realpath(opts["--zana2zanb"]), plugins)
                     failed += bool(bad)
                     print(("FAIL " if bad else "ok   ") + c["title"] + ("  $ zan " + shlex.join(args) if bad else ""))
                     for b in bad:

@@ -1,19 +1,14 @@
-// The run options: flag grammar and refusals, device plans, the create hint
-// and the [cfg] echo, and system prompts read from files.
+// The run options: flag grammar and refusals, device plans, the create hint and the [cfg] echo.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli/run_opts.h"
-#include "tests/test_tmp.h"
 
 namespace {
 
-// Runs parseFlags on `zan run m.zan <words>`; gives the result, and the
-// options and stderr through the out-parameters.
+// parseFlags on `zan run m.zan <words>`; the options and stderr through the out-parameters.
 bool parse(const std::vector<std::string>& words, RunOpts& opts, std::string& err) {
   std::vector<std::string> all = {"zan", "run", "m.zan"};
   all.insert(all.end(), words.begin(), words.end());
@@ -28,27 +23,21 @@ bool parse(const std::vector<std::string>& words, RunOpts& opts, std::string& er
 std::string plan(const RunOpts& o) { return makeCreateHint("b", o); }
 
 TEST(RunOpts, Refusals) {
-  const struct { std::vector<std::string> words; const char* err; } cases[] = {
+  const std::string ctx = "zan: -context needs a positive token count\n", kv = "zan: -kv value must be f16, q8_0 or q4_0",
+                    count = " layer count must be a positive number or 'all'\n",
+                    twice = "zan: multiple specs for the same device kind - combine them or use 'all' once\n";
+  const struct { std::vector<std::string> words; std::string err; } cases[] = {
       {{"-n"}, "zan: missing value for -n\n"}, {{"--temp"}, "zan: missing value for --temp\n"},
-      {{"-g", "0"}, "zan: missing value for -g\n"},
-      {{"-c", "0"}, "zan: -context needs a positive token count\n"},
-      {{"--context", "abc"}, "zan: -context needs a positive token count\n"},
-      {{"-c", "-5"}, "zan: -context needs a positive token count\n"},
-      {{"-kv", "Q8_0"}, "zan: -kv value must be f16, q8_0 or q4_0 (got 'Q8_0')\n"},
-      {{"--kv", ""}, "zan: -kv value must be f16, q8_0 or q4_0 (got '')\n"},
+      {{"-g", "0"}, "zan: missing value for -g\n"}, {{"-c", "0"}, ctx}, {{"--context", "abc"}, ctx}, {{"-c", "-5"}, ctx},
+      {{"-kv", "Q8_0"}, kv + " (got 'Q8_0')\n"}, {{"--kv", ""}, kv + " (got '')\n"},
       {{"-g", "-1", "all"}, "zan: -g needs a non-negative device index\n"},
-      {{"-gpu", "0", "0"}, "zan: -gpu layer count must be a positive number or 'all'\n"},
-      {{"-g", "0", "-5"}, "zan: -g layer count must be a positive number or 'all'\n"},
-      {{"-g", "0", "12x"}, "zan: -g layer count must be a positive number or 'all'\n"},
-      {{"-cpu", "0", ""}, "zan: -cpu layer count must be a positive number or 'all'\n"},
       {{"-cpu", "-2", "4"}, "zan: -cpu needs a non-negative device index\n"},
+      {{"-gpu", "0", "0"}, "zan: -gpu" + count}, {{"-g", "0", "-5"}, "zan: -g" + count},
+      {{"-g", "0", "12x"}, "zan: -g" + count}, {{"-cpu", "0", ""}, "zan: -cpu" + count},
       {{"-g", "0", "all", "-cpu", "0", "4"}, "zan: 'all' may appear only once and must be the last device spec\n"},
       {{"-g", "0", "10", "-cpu", "0", "10"},
        "zan: give one side 'all' when assigning both cpu and gpu layers (e.g. -g 0 20 -cpu 0 all)\n"},
-      {{"-g", "0", "10", "-g", "0", "all"},
-       "zan: multiple specs for the same device kind - combine them or use 'all' once\n"},
-      {{"-g", "0", "10", "-g", "2", "all"},
-       "zan: multiple specs for the same device kind - combine them or use 'all' once\n"},
+      {{"-g", "0", "10", "-g", "0", "all"}, twice}, {{"-g", "0", "10", "-g", "2", "all"}, twice},
   };
   for (const auto& c : cases) {
     RunOpts o;

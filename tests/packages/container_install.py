@@ -11,14 +11,10 @@ def main():
     plug, env = os.path.join(home, ".zan/plugin"), home_env(home)
     zan = lambda *args: run(WRAPPER + [opts["--zan"], *args], cwd=home, env=env)
 
-    def put(name, data):
-        open(os.path.join(home, name), "wb").write(data)
-
-    def state():
-        st = json.load(open(os.path.join(home, ".zan/installed.json")))
-        return [(e["name"], e["version"], e["origin"], e["files"]) for e in st["plugins"]]
-
+    put = lambda name, data: open(os.path.join(home, name), "wb").write(data)
     read = lambda rel: open(os.path.join(plug, rel), "rb").read()
+    state = lambda: [(e["name"], e["version"], e["origin"], e["files"])
+                     for e in json.load(open(os.path.join(home, ".zan/installed.json")))["plugins"]]
 
     # A repo: a file in a subdirectory, one with no size (always extracted), the manifest itself, a config.
     repo1 = {"kind": "repo", "version": "2.0", "configs": [{"name": "p.conf", "section": 3}],

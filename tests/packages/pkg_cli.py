@@ -236,8 +236,7 @@ def kill_test(tmp):
 
 
 def main():
-    global ZAN, HOME
-    ZAN = os.path.abspath(opts["--zan"])
+    global HOME
     with tempfile.TemporaryDirectory() as tmp:
         HOME = tmp + "/home"
         main_scenario(tmp)
@@ -249,6 +248,6 @@ def main():
     return finish()
 
 
-V, ZAN, HOME = {}, "", ""
+V, ZAN, HOME = {}, os.path.abspath(opts["--zan"]), ""
 if __name__ == "__main__":
     sys.exit(main())

@@ -1,10 +1,7 @@
 #!/usr/bin/env python3
-"""Raw-socket HTTP replies a static server cannot give. Prints "READY <port>"
-once listening on 127.0.0.1, then answers by request path (see FIXED);
-/ and /echo send the request back; /file/NAME sends NAME under --root, and
-with --stall-at N only its first N body bytes, then prints "STALL" and holds
-the connection.
-"""
+"""Raw-socket HTTP replies a static server cannot give. Prints "READY <port> <pid>" once listening on 127.0.0.1,
+then answers by request path (see FIXED); / and /echo send the request back; /file/NAME sends NAME under --root,
+and with --stall-at N only its first N body bytes, then prints "STALL" and holds the connection."""
 import argparse, os, socket, threading, time
 
 
@@ -53,6 +50,6 @@ ap.add_argument("--root", default=".")
 ap.add_argument("--stall-at", type=int)
 opts = ap.parse_args()
 srv = socket.create_server(("127.0.0.1", 0))
-print("READY", srv.getsockname()[1], flush=True)
+print("READY", srv.getsockname()[1], os.getpid(), flush=True)
 while True:
     threading.Thread(target=handle, args=(srv.accept()[0], opts), daemon=True).start()

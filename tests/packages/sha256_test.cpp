@@ -10,8 +10,7 @@
 
 namespace {
 
-// Every length around the block edges, then larger ones up to a few MiB, against
-// sha256sum, with the SHA instructions (where the machine has them) and without.
+// Lengths around the block edges and up to a few MiB against sha256sum, with SHA instructions and without.
 TEST(Sha256, AgreesWithSha256sum) {
   std::vector<size_t> sizes;
   for (size_t n = 0; n <= 260; ++n) sizes.push_back(n);

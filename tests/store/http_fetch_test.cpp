@@ -1,5 +1,4 @@
-// HttpFetcher against raw_http_server.py on 127.0.0.1: the catalog (and file and
-// command jobs beside it) over files it serves, and a stall mid-body.
+// HttpFetcher against raw_http_server.py: the catalog (with file and command jobs beside it), a stall mid-body.
 #include "store/http_fetch.h"
 
 #include <gtest/gtest.h>
@@ -43,7 +42,7 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
   std::ostringstream many;
   for (int i = 0; i < 5000; ++i) many << (i ? "," : "{\"apps\":[") << "{\"id\":\"app" << i << "\",\"size\":" << i * 1000 << "}";
   put(root + "many/store.json", many.str() + "]}");
-  ServerProc srv({"python3", kRawServer, "--root", root});
+  ServerProc srv({"--root", root});
   ASSERT_GT(srv.port, 0);
   const std::string base = srv.base() + "/file";  // the files under root
   setenv("ZAN_GITHUB_API", (base + "/gh").c_str(), 1);
@@ -81,7 +80,7 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
 TEST(HttpFetcher, StallingServerLeavesJobsPendingWithoutBlocking) {
   const std::string root = testTempDir() + "stall/";
   put(root + "s.json", std::string(1000, 'x'));
-  auto srv = std::make_unique<ServerProc>(std::vector<std::string>{"python3", kRawServer, "--root", root, "--stall-at", "5"});
+  auto srv = std::make_unique<ServerProc>(std::vector<std::string>{"--root", root, "--stall-at", "5"});
   const std::string url = srv->base() + "/file/s.json";
   HttpFetcher f;
   const int first = f.startText(url, "", ""), second = f.startText(url, "", ""), third = f.startText(url, "", "");

@@ -1,5 +1,4 @@
-// The store catalog over the plain Fetcher, over a scripted one, and its
-// store.json reader on good and hostile input.
+// The store catalog over the plain Fetcher, over a scripted one, and its store.json reader.
 #include "store/zan_catalog.h"
 
 #include <gtest/gtest.h>
@@ -14,8 +13,7 @@ using tov::catalog::Entry;
 
 namespace {
 
-// Answers startText with ids 1, 2, ... and records the calls; states and
-// bodies come from the test.
+// Answers startText with ids 1, 2, ... and records the calls; states and bodies come from the test.
 struct ScriptedFetcher : tov::fetch::Fetcher {
   std::vector<std::string> calls;
   std::map<int, int> states;
@@ -90,7 +88,7 @@ TEST(Catalog, LoadAsksOfficialAndFirstRepoThenReadsBoth) {
   EXPECT_EQ(c.report(second), "0 entry(s); official: 0 app(s); github: boom;");
 }
 
-TEST(Catalog, ParseStoreFieldsAndFallbacks) {
+TEST(Catalog, ParseStoreFieldsFallbacksAndVersionCodes) {
   EXPECT_EQ(rows(R"({"apps":[
       {"id":"a","title":"","name":"Nm","description":"D","size":12345678901,"version":"1.2.3"},
       {"id":"b","title":7,"summary":"S","description":"D","kind":"tool","size":"9","package":"https://h/p"},
@@ -101,10 +99,7 @@ TEST(Catalog, ParseStoreFieldsAndFallbacks) {
                                       "|T||app|v2.0-rc1|src||2000000|18446744073709551615"}));
   EXPECT_EQ(rows(R"({"apps":[{"id":"g","package":"/x.zan"}]})", "o/r"),
             (std::vector<std::string>{"g|g||app||src|https://raw.githubusercontent.com/o/r/main/x.zan|0|0"}));
-}
-
-TEST(Catalog, VersionCodes) {
-  const std::pair<const char*, int32_t> cases[] = {
+  const std::pair<const char*, int32_t> cases[] = {  // version codes
       {"1.2.3", 1002003}, {"v1.2", 1002000}, {"1.2.3-beta", 1002003}, {"1.2.3.4", 1002004}, {"", 0},
       {"rel-7", 7000000}, {"2..5", 2000005}, {"99999999999.1", int32_t(1215752191u * 1000000u + 1000u)}};
   for (const auto& [text, code] : cases) EXPECT_EQ(Catalog::versionCode(text), code) << text;

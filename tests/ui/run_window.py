@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""Window programs run by `zan run` with no display: their frame dumps byte for
-byte, and the switches that limit or stop them.   run_window.py --zan PATH --work DIR
-The dumps have fixed paths under /tmp; ctest runs this under a lock."""
+"""Window programs run by `zan run` with no display: their frame dumps byte for byte, and the switches that
+limit or stop them (fixed paths under /tmp: ctest runs this under a lock).   run_window.py --zan PATH --work DIR"""
 import glob, gzip, os, struct, sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tools")

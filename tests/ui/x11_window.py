@@ -1,14 +1,13 @@
 #!/usr/bin/env python3
-"""The window for real on a private Xvfb: pixels read back with xwd, input
-sent with xdotool comes back as the events the program prints, close ends it.
-    x11_window.py --zan PATH --keys PROBE --work DIR [--wrapper wine]"""
+"""The window on a private Xvfb: pixels read back with xwd, xdotool's input comes back as the events the
+program prints, close ends it.   x11_window.py --zan PATH --keys PROBE --work DIR [--wrapper wine]"""
 import gzip, os, shutil, struct, subprocess, sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from run_window import Canvas, font_bytes  # noqa: E402
 import run_window  # noqa: E402
 from zana import Prog  # noqa: E402
-from zantest import opts, check, expect, finish  # noqa: E402
+from zantest import opts, check, expect, finish, WRAPPER  # noqa: E402
 
 TITLE = "zan-x11-test"
 TIMEOUT = 30  # for the tools; a safety net against hangs, never a synchronisation
@@ -77,8 +76,8 @@ KEY_EVENTS = [f"2 {k} 0 -" for k in (0xFF08, 0xFF09, 0xFF0D, 0xFF1B, 0xFF50, 0xF
                                       0xFF57, 0xFF9F)] + ["2 65361 1 -", "2 65360 2 -", "2 65367 4 -", "2 0 0 a", "2 0 1 B"]
 
 
-def key_codes(wrapper, env, xdo):
-    app = subprocess.Popen(wrapper + [opts["--keys"]], env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+def key_codes(env, xdo):
+    app = subprocess.Popen(WRAPPER + [opts["--keys"]], env=env, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     try:
         lines = (line.decode().rstrip("\n") for line in app.stdout)
         if not check(next(lines).startswith("READY"), "probe did not start"):
@@ -101,7 +100,7 @@ def main():
     if missing:
         print(f"SKIPPED: {' '.join(missing)} not installed (scripts/install-deps installs them)")
         return 0
-    win, work = opts.get("--wrapper"), opts["--work"]
+    win, work = bool(WRAPPER), opts["--work"]
     os.makedirs(work, exist_ok=True)
     if win:  # Windows: a minimum width, and no gzip for the font
         run_window.W, run_window.H = 160, 48
@@ -116,11 +115,10 @@ def main():
                             pass_fds=(wfd,), stderr=subprocess.DEVNULL)
     os.close(wfd)
     app = None
-    wrapper = [win] if win else []
     try:
         env = {k: v for k, v in os.environ.items() if not k.startswith("ZAN_")}
         env.update(DISPLAY=":" + os.read(rfd, 64).decode().strip(), ZAN_UI_FONT=font, ZAN_RESIZE_DEBUG="1")
-        app = subprocess.Popen(wrapper + [opts["--zan"], "run", prog], env=env, stdout=subprocess.PIPE,
+        app = subprocess.Popen(WRAPPER + [opts["--zan"], "run", prog], env=env, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE)
         out = (int(line) for line in app.stdout)
         if next(out) != READY:
@@ -157,7 +155,7 @@ def main():
         size = ("200", "60") if win else ("30", "20")
         xdo("windowsize", wid, *size)
         if win:
-            subprocess.run(wrapper + ["taskkill", "/im", os.path.basename(opts["--zan"])], check=True,
+            subprocess.run(WRAPPER + ["taskkill", "/im", os.path.basename(opts["--zan"])], check=True,
                            capture_output=True, timeout=TIMEOUT)
         else:
             xdo("windowclose", wid)
@@ -168,7 +166,7 @@ def main():
         expect("exit code", app.wait(TIMEOUT), 0)
         first = f"[resize] takeResize {run_window.W}x{run_window.H}\n" if win else ""
         expect("resize notice", app.stderr.read().decode(), first + "[resize] takeResize %sx%s\n" % size)
-        key_codes(wrapper, env, xdo)
+        key_codes(env, xdo)
     finally:
         if app and app.poll() is None:
             app.kill()
