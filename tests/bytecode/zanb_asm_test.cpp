@@ -2,7 +2,6 @@
 // listing -> text -> module round trip, and hostile input.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>

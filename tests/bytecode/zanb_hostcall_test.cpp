@@ -70,40 +70,27 @@ struct HostRow {
 TEST(ZanbHostCall, OperationsArgumentsAndResults) {
   const uint64_t neg5 = uint64_t(int64_t(-5)), neg5u32 = 0xFFFFFFFBu;
   const std::vector<HostRow> rows = {
-      {10, {0x100, 5, 32, 24, 7}, "winOpen(hello,32,24,7)", 1},
-      {10, {0x100, 2, uint64_t(-1), 0, 0}, "winOpen(he,-1,0,0)", 1},
-      {11, {}, "winPump()", 0},
-      {14, {uint64_t(-3), 2, 3, 4, 0xFF}, "fillRect(-3,2,3,4,255)", 0},
-      {16, {10, 11, uint64_t(-1), 7}, "circle(10,11,-1,7)", 0},
+      {10, {0x100, 5, 32, 24, 7}, "winOpen(hello,32,24,7)", 1}, {10, {0x100, 2, ~0ull, 0, 0}, "winOpen(he,-1,0,0)", 1},
+      {11, {}, "winPump()", 0}, {14, {uint64_t(-3), 2, 3, 4, 0xFF}, "fillRect(-3,2,3,4,255)", 0},
+      {16, {10, 11, ~0ull, 7}, "circle(10,11,-1,7)", 0},
       // Length 0: zero-terminated; from address 0 the empty text.
-      {17, {1, 2, 0x100, 0, 9, 3}, "text(1,2,hello,9,3)", 0},
-      {17, {1, 2, 0x100, 3, 9, 0}, "text(1,2,hel,9,0)", 0},
+      {17, {1, 2, 0x100, 0, 9, 3}, "text(1,2,hello,9,3)", 0}, {17, {1, 2, 0x100, 3, 9, 0}, "text(1,2,hel,9,0)", 0},
       {17, {1, 2, 0, 0, 9, 1}, "text(1,2,,9,1)", 0},
       // Signed results reach the slot sign-extended for 18, 20, 21 only.
-      {18, {}, "pollEvent()", neg5},
-      {20, {}, "", neg5},
-      {25, {0}, "", neg5u32},
-      {31, {3}, "", neg5u32},
-      {19, {uint64_t(-3)}, "sleepMs(-3)", 0},
-      {23, {1, 2, 3, 4, 5, 6}, "uiCmd(1,2,3,4,5,131072,6)", 0},
-      {30, {0x100, 0x106}, "fetchStart(hello,lo)", neg5u32},
-      {34, {4}, "fetchCancel(4)", 1},
-      {54, {3, 0x100000000}, "imageId(3,0)", neg5u32},
-      {54, {3, 2}, "imageId(3,1)", neg5u32},
+      {18, {}, "pollEvent()", neg5}, {20, {}, "", neg5}, {25, {0}, "", neg5u32}, {31, {3}, "", neg5u32},
+      {19, {uint64_t(-3)}, "sleepMs(-3)", 0}, {23, {1, 2, 3, 4, 5, 6}, "uiCmd(1,2,3,4,5,131072,6)", 0},
+      {30, {0x100, 0x106}, "fetchStart(hello,lo)", neg5u32}, {34, {4}, "fetchCancel(4)", 1},
+      {54, {3, 0x100000000}, "imageId(3,0)", neg5u32}, {54, {3, 2}, "imageId(3,1)", neg5u32},
       // Text out of the host: room checks before the call, cut to capacity - 1.
-      {38, {1, 2, 3, kDst, 1}, "", 0},
-      {38, {1, 2, 3, kMemSize, 8}, "", 0},
-      {38, {1, 2, 3, kMemSize - 7, 8}, "", 0},
+      {38, {1, 2, 3, kDst, 1}, "", 0}, {38, {1, 2, 3, kMemSize, 8}, "", 0}, {38, {1, 2, 3, kMemSize - 7, 8}, "", 0},
       {38, {1, 2, 3, kDst, 3}, "storeText(1,2,3)", 2, std::string("he\0MMMMM", 8)},
       {42, {0, kDst, 8}, "", 5, std::string("hello\0MM", 8)},
       {51, {0x100, kDst, 8}, "dataRead(hello)", 0, std::string("\0MMMMMMM", 8), ""},
       // 46: the whole text and its terminator or nothing; empty writes nothing.
-      {46, {0, kDst, 5}, "", 0},
-      {46, {0, kDst, 6}, "", 1, std::string("hello\0MM", 8)},
+      {46, {0, kDst, 5}, "", 0}, {46, {0, kDst, 6}, "", 1, std::string("hello\0MM", 8)},
       {46, {0, kDst, 6}, "", 0, std::string(8, 'M'), ""},
       // 47 writes an empty text as its terminator alone.
-      {47, {0, kDst, 2}, "", 1, std::string("\0MMMMMMM", 8), ""},
-      {47, {0, kDst, 1}, "", 0, std::string(8, 'M'), ""},
+      {47, {0, kDst, 2}, "", 1, std::string("\0MMMMMMM", 8), ""}, {47, {0, kDst, 1}, "", 0, std::string(8, 'M'), ""},
   };
   for (const HostRow& r : rows) {
     RecordingHost host;

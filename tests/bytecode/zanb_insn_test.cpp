@@ -1,7 +1,6 @@
-// What each instruction computes, one table per family. Every row runs
-// `op a=0 b=1 c=2` on slots loaded with bit patterns; slot 0 starts as kMark
-// so a result that leaves high bits behind shows. Expected values are bit
-// patterns worked out from IEEE 754 and two's complement by hand.
+// What each instruction computes, one table per family. Every row runs `op a=0 b=1 c=2` on slots
+// loaded with bit patterns; slot 0 starts as kMark so a result that leaves high bits behind
+// shows. Expected values are bit patterns worked out from IEEE 754 and two's complement by hand.
 #include <gtest/gtest.h>
 
 #include "tests/bytecode/zanb_harness.h"

@@ -1,11 +1,6 @@
-// The system calls the machine answers itself: exit, console output,
-// arguments and environment, clock, random bytes, the text helpers, the
-// fd_write family, the null-host defaults of 10..55, and how many argument
-// slots each number claims from the frame.
+// System calls the machine answers itself: console output, arguments and
+// environment, the text helpers, the fd_write family and its sticky fault.
 #include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
 
 #include "tests/bytecode/zanb_harness.h"
 
@@ -67,9 +62,8 @@ TEST(ZanbSyscall, WriteLengthsAndStreams) {
              p, 0, 0, {}, {op(Op_load, 5, 6, 0, kI32)});
 }
 
-// The fault of a bad write stays: stores, bulk operations, other system calls
-// and writes go on, and the next load or fd_write traps with it, in bounds
-// or not.
+// The fault of a bad write stays through stores, bulk operations, other system calls and
+// writes; the next load or fd_write traps with it, in bounds or not.
 TEST(ZanbSyscall, FaultSticksUntilTheNextLoadOrFdWrite) {
   Prog p;
   p.seg(0x100, "abcdefgh");

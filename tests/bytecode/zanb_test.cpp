@@ -1,6 +1,4 @@
-// Module reader and writer: layout byte for byte, every reader failure in its
-// order, count overflow, and the names of functions, opcodes, types and
-// conversions out of range.
+// Module reader and writer: layout byte for byte, every reader failure in its order, every cut.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -27,12 +25,6 @@ Module sample() {
   m.data = {'a', 'b', 'c', 9, 9, 'd', 'e'};
   m.code = {{0x101, 1, 0xAABBCCDD, 0x11223344}, {0xFFFF0F47, 7, 8, 9}, {61, 0xFFFFFFFF, 0, 0}};
   return m;
-}
-
-template <class T>
-bool sameBytes(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() &&
-         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }
 
 TEST(ZanbWrite, LayoutByteForByte) {
@@ -64,14 +56,9 @@ TEST(ZanbRead, EveryFailureWithItsMessage) {
   m2.data.assign(8, 7);
   const std::vector<uint8_t> one = writeModule(m1), seg = writeModule(m2);
   struct Patch { size_t off, width; uint64_t value; };
-  struct Row {
-    const char* what;
-    const std::vector<uint8_t>& base;
-    size_t size;  // bytes kept
-    std::vector<Patch> patches;
-    const char* msg;
-  };
-  const size_t all = SIZE_MAX;
+  using Bytes = std::vector<uint8_t>;
+  struct Row { const char* what; const Bytes& base; size_t size; std::vector<Patch> patch; const char* msg; };
+  const size_t all = SIZE_MAX;  // size: the bytes kept
   const char *small = "zanb: too small", *trunc = "zanb: truncated module";
   const Row rows[] = {
       {"empty", one, 0, {}, small}, {"63 bytes", one, 63, {}, small},
@@ -82,20 +69,19 @@ TEST(ZanbRead, EveryFailureWithItsMessage) {
       {"function table past the end", one, all, {{16, 4, 2}}, trunc},
       {"segment table past the end", one, all, {{24, 4, 1}}, trunc},
       {"huge global count", one, all, {{20, 4, 0xFFFFFFFF}}, trunc},
-      {"huge name table", one, all, {{28, 4, 0xFFFFFFFF}}, trunc},
-      {"one instruction short", one, all, {{40, 8, 2}}, trunc},
+      {"huge name table", one, all, {{28, 4, 0xFFFFFFFF}}, trunc}, {"one insn short", one, all, {{40, 8, 2}}, trunc},
       // codeCount * 16 wraps to 0, to 16 (exactly the real size) and to -16.
       {"codeCount 2^60", one, all, {{40, 8, 1ull << 60}}, trunc},
       {"codeCount 2^60+1", one, all, {{40, 8, (1ull << 60) + 1}}, trunc},
       {"codeCount max", one, all, {{40, 8, ~0ull}}, trunc},
-      // dataOff + length wraps to 8, the real blob size.
+      // dataOff + length wraps to 8, the real blob size; blob start + size wraps to 8; the blob end
+      // rounded up to 8 wraps to 0.
       {"dataOff+length wraps", seg, all, {{72, 8, 16}, {80, 8, ~0ull - 7}}, trunc},
-      // Blob start + size wraps to 8; the blob end rounded up to 8 wraps to 0.
       {"blob end wraps", seg, all, {{72, 8, 0xFFFFFFFFFFFFFFB0}}, trunc},
       {"blob rounding wraps", seg, all, {{72, 8, 0xFFFFFFFFFFFFFFA4}}, trunc}};
   for (const Row& r : rows) {
     std::vector<uint8_t> b = r.base;
-    for (const Patch& p : r.patches) std::memcpy(b.data() + p.off, &p.value, p.width);
+    for (const Patch& p : r.patch) std::memcpy(b.data() + p.off, &p.value, p.width);
     b.resize(std::min(r.size, b.size()));
     Module m;
     m.names = "keep";

@@ -1,6 +1,5 @@
-// The ZAN2 frame, the model reader's checks in their order, metadata and
-// tokenizer decoding, and round trips through the model writer. Containers
-// are built byte by byte here, independently of the writer.
+// The ZAN2 frame, the model reader's checks in their order, metadata, and round trips through the
+// model writer. Containers are built byte by byte here, independently of the writer.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,6 +7,7 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "container/zan2.h"
@@ -88,7 +88,7 @@ TEST(Zan2, OpenChecksInOrder) {
   auto setU32 = [](size_t at, uint32_t v) { return [=](std::string& f) { f.replace(at, 4, u32(v)); }; };
   auto setU64 = [](size_t at, uint64_t v) { return [=](std::string& f) { f.replace(at, 8, u64(v)); }; };
   auto then = [](Patch a, Patch b) { return [=](std::string& f) { a(f), b(f); }; };
-  const Patch crc = refreshCrc;
+  const Patch crc = refreshCrc, flip70 = [](std::string& f) { f[70] ^= 1; };
   const std::string base = minimal();
   // Section 0 entry at 64, section 1 at 88, section 2 at 112.
   const struct { const char* what; std::string file; Patch patch; const char* message; } cases[] = {
@@ -100,8 +100,7 @@ TEST(Zan2, OpenChecksInOrder) {
       {"table cut", base.substr(0, 64 + 24 * 3 - 1), nullptr, "ZAN2: truncated section table"},
       {"17 sections", base + std::string(1024, '\0'), setU32(12, 17), "ZAN2: too many sections"},
       {"17 sections, short", base, setU32(12, 17), "ZAN2: truncated section table"},
-      {"crc", base, setU64(56, 1), "ZAN2: CRC mismatch"},
-      {"a table byte", base, [](std::string& f) { f[70] ^= 1; }, "ZAN2: CRC mismatch"},
+      {"crc", base, setU64(56, 1), "ZAN2: CRC mismatch"}, {"a table byte", base, flip70, "ZAN2: CRC mismatch"},
       {"no sections", base, then(setU32(12, 0), crc), "ZAN2: missing tensor index"},
       {"offset 104", base + std::string(256, '\0'), then(setU64(88 + 8, 104), crc), "ZAN2: bad section bounds"},
       {"past the end", base, then(setU64(88 + 16, 1), crc), "ZAN2: bad section bounds"},
@@ -151,25 +150,16 @@ TEST(Zan2, MetaDecoding) {
 struct Model { std::vector<std::string> data; std::vector<zan2::TensorSpec> specs; };
 
 Model sampleTensors() {
-  Model m;
-  const std::string name64(64, 'w');
-  const std::vector<std::string> names = {"tok_embd", "output.weight", name64, "blk.0.attn_q", "blk.0.attn_k", "a", "z"};
+  const std::vector<std::string> names = {"tok_embd", "output.weight", std::string(64, 'w'), "blk.0.attn_q",
+                                          "blk.0.attn_k", "a", "z"};
   const uint64_t sizes[] = {1000, 64, 63, 0, 1, 4096, 129};
   std::mt19937 rng(7);
+  Model m;
+  m.data.resize(names.size());  // sized first: the specs point into these strings
   for (size_t i = 0; i < names.size(); ++i) {
-    std::string bytes(sizes[i], '\0');
-    for (char& c : bytes) c = char(rng());
-    m.data.push_back(bytes);
-  }
-  for (size_t i = 0; i < names.size(); ++i) {
-    zan2::TensorSpec t;
-    t.name = names[i];
-    t.dtype = uint16_t(i);
-    t.ndim = uint16_t(i % 5);
-    for (int d = 0; d < 4; ++d) t.dims[d] = i * 10 + d;
-    t.data = m.data[i].data();
-    t.size = m.data[i].size();
-    t.quant = i == 2 ? 0x0123456789ABCDEFULL : i;
+    for (uint64_t k = 0; k < sizes[i]; ++k) m.data[i] += char(rng());
+    zan2::TensorSpec t{names[i], uint16_t(i), uint16_t(i % 5), {i * 10, i * 10 + 1, i * 10 + 2, i * 10 + 3},
+                       m.data[i].data(), sizes[i], i == 2 ? 0x0123456789ABCDEFULL : i};
     m.specs.push_back(t);
   }
   return m;
@@ -189,14 +179,9 @@ TEST(Zan2, WriterRoundTrip) {
   w.metaF32("eps", 1e-5f);
   const uint32_t arr[] = {1, 2, 0xFFFFFFFF};
   w.metaU32Array("arr", arr, 3);
-  TokenizerData tok;
-  tok.name = "gpt2";
-  tok.vocab = {"<s>", "</s>", std::string("\0x", 2)};
-  tok.scores = {1, 2, 3};
-  tok.tokenTypes = {3, 3, 1};
-  tok.merges = {"a b"};
-  tok.special[0] = 1;
-  tok.addBos = true;
+  const TokenizerData tok{.vocab = {"<s>", "</s>", std::string("\0x", 2)}, .scores = {1, 2, 3},
+                          .tokenTypes = {3, 3, 1}, .merges = {"a b"}, .special = {1}, .addBos = true,
+                          .name = "gpt2"};
   w.setTokenizer(tok);
   std::string err;
   for (const auto& t : m.specs) ASSERT_TRUE(w.addTensor(t, err)) << err;
@@ -207,11 +192,9 @@ TEST(Zan2, WriterRoundTrip) {
   const ZAN2Result res = r.open(path.c_str());
   ASSERT_TRUE(res.ok()) << res.message;
   EXPECT_TRUE(r.aligned64());
-  EXPECT_EQ(r.header().kind, 1);
-  EXPECT_EQ(r.header().modelType, 3u);
-  EXPECT_EQ(r.header().hiddenSize, 4096u);
-  EXPECT_EQ(r.header().layers, 32u);
-  EXPECT_EQ(r.header().tensorCount, m.specs.size());
+  const zan2::Header& h = r.header();
+  EXPECT_EQ(std::tie(h.kind, h.modelType, h.hiddenSize, h.layers, h.tensorCount),
+            std::make_tuple(uint16_t(1), 3u, 4096u, 32u, uint32_t(m.specs.size())));
 
   for (auto [key, want] : {std::pair{"container.kind", 1u}, {"container.version", 2u}, {"llama.block_count", 32u}}) {
     uint32_t u = 0;
@@ -221,31 +204,20 @@ TEST(Zan2, WriterRoundTrip) {
   int32_t i32 = 0;
   float f = 0;
   std::string s;
-  EXPECT_TRUE(r.getMetaU64("llama.block_count", u64v) && u64v == 64u) << u64v;
-  EXPECT_TRUE(r.getMetaI32("neg", i32) && i32 == -5) << i32;
-  EXPECT_TRUE(r.getMetaF32("eps", f) && f == 1e-5f) << f;
-  EXPECT_TRUE(r.getMetaStr("general.architecture", s) && s == "llama") << s;
   const uint32_t* vals = nullptr;
   uint32_t n = 0;
-  ASSERT_TRUE(r.getMetaU32Array("arr", vals, n));
-  ASSERT_EQ(n, 3u);
+  ASSERT_TRUE(r.getMetaU64("llama.block_count", u64v) && r.getMetaI32("neg", i32) && r.getMetaF32("eps", f) &&
+              r.getMetaStr("general.architecture", s) && r.getMetaU32Array("arr", vals, n));
+  EXPECT_EQ(std::tie(u64v, i32, f, s, n), std::make_tuple(uint64_t(64), -5, 1e-5f, std::string("llama"), 3u));
   EXPECT_EQ(vals[2], 0xFFFFFFFFu);
 
   TokenizerData back;
   ASSERT_TRUE(r.readTokenizer(back));
-  EXPECT_EQ(back.name, tok.name);
-  EXPECT_EQ(back.vocab, tok.vocab);
-  EXPECT_EQ(back.scores, tok.scores);
-  EXPECT_EQ(back.tokenTypes, tok.tokenTypes);
-  EXPECT_EQ(back.merges, tok.merges);
-  EXPECT_EQ(back.special[0], 1u);
-  EXPECT_TRUE(back.addBos);
+  EXPECT_EQ(std::tie(back.name, back.vocab, back.scores, back.tokenTypes, back.merges, back.special[0], back.addBos),
+            std::tie(tok.name, tok.vocab, tok.scores, tok.tokenTypes, tok.merges, tok.special[0], tok.addBos));
 
-  // Every tensor's bytes start 64-aligned, and each is found by name.
+  // Every tensor is found by name, its bytes 64-aligned; the index is sorted.
   const uint8_t* weights = r.sectionData(SectionType::WeightData);
-  for (uint32_t i = 0; i < r.header().tensorCount; ++i) {
-    EXPECT_EQ((r.tensorView(i).data - weights) % 64, 0);
-  }
   for (size_t i = 0; i < m.specs.size(); ++i) {
     const zan2::TensorSpec& t = m.specs[i];
     const zan2::TensorRecord* rec = r.findTensor(t.name.c_str());
@@ -254,15 +226,11 @@ TEST(Zan2, WriterRoundTrip) {
     const TensorView v = r.tensorView(t.name.c_str());
     ASSERT_EQ(v.size, t.size) << t.name;
     EXPECT_EQ(std::memcmp(v.data, m.data[i].data(), t.size), 0) << t.name;
-    EXPECT_EQ(v.dtype, t.dtype);
-    EXPECT_EQ(v.ndim, t.ndim);
-    EXPECT_EQ(v.dims[3], t.dims[3]);
-    EXPECT_EQ(v.quant, t.quant);
+    EXPECT_EQ((v.data - weights) % 64, 0) << t.name;
+    EXPECT_EQ(std::tie(v.dtype, v.ndim, v.dims[3], v.quant), std::tie(t.dtype, t.ndim, t.dims[3], t.quant));
   }
-  for (uint32_t i = 0; i + 1 < r.header().tensorCount; ++i) {
-    const auto* recs = reinterpret_cast<const zan2::TensorRecord*>(r.sectionData(SectionType::TensorIndex));
-    EXPECT_LT(std::strncmp(recs[i].name, recs[i + 1].name, 64), 0);
-  }
+  const auto* recs = reinterpret_cast<const zan2::TensorRecord*>(r.sectionData(SectionType::TensorIndex));
+  for (uint32_t i = 0; i + 1 < h.tensorCount; ++i) EXPECT_LT(std::strncmp(recs[i].name, recs[i + 1].name, 64), 0);
   // Names compare on 64 bytes only.
   EXPECT_NE(r.findTensor((std::string(64, 'w') + "extra!").c_str()), nullptr);
 

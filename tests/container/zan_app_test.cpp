@@ -1,6 +1,5 @@
-// App containers: collecting directories (skipped names, links, modes, the
-// platform and entry rules), the exact byte layout of a packed file, round
-// trips, and hostile containers given to read.
+// App containers: collecting directories (skipped names, links, modes, entry), the exact byte
+// layout of a packed file, and hostile containers given to read.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "container/zan2.h"
@@ -103,27 +103,25 @@ TEST(ZanApp, PackLayoutByteByByte) {
   const uint8_t* b = reinterpret_cast<const uint8_t*>(f.data());
   const tov::zan2::Header h = tov::zan2::decodeHeader(b);
   EXPECT_TRUE(h.magicOk());
-  EXPECT_EQ(h.version, 2u);
-  EXPECT_EQ(h.sectionCount, 3u);
-  EXPECT_EQ(h.kind, 6);
+  EXPECT_EQ(std::tie(h.version, h.sectionCount, h.kind), std::make_tuple(2u, 3u, uint16_t(6)));
   EXPECT_EQ(h.modelType + h.hiddenSize + h.layers + h.vocab + h.tensorCount, 0u);
   EXPECT_EQ(h.crc, tov::zan2::crc64((f.substr(0, 56) + f.substr(64, 72)).data(), 128));
+  EXPECT_EQ(f.substr(136, 56), std::string(56, '\0'));
 
   const std::string manifest =
       "{\"kind\":\"zanb-app\",\"name\":\"t\\\"q\",\"version\":\"0.1.0\",\"desc\":\"\",\"platform\":\"zanb\","
       "\"entry\":\"a.zanb\",\"flutter\":false,\"icon\":\"i.png\",\"n\":3,\"indexSection\":2,\"payloadSection\":1}\n";
-  const auto sec = [&](int i) { return tov::zan2::decodeSection(b + 64 + 24 * i); };
-  EXPECT_EQ(sec(0).type, 13u);
-  EXPECT_EQ(sec(0).offset, 192u);
-  EXPECT_EQ(f.substr(192, sec(0).size), manifest);
-  EXPECT_EQ(sec(1).type, 14u);
-  EXPECT_EQ(sec(1).offset, (manifest.size() + 255) / 64 * 64);
-  EXPECT_EQ(f.substr(sec(1).offset, sec(1).size), "ZANBxyz" + std::string(70, 'b'));
-  EXPECT_EQ(sec(2).type, 15u);
-  EXPECT_EQ(sec(2).offset, (sec(1).offset + 77 + 63) / 64 * 64);
-  EXPECT_EQ(f.substr(sec(2).offset), "755 0 7 a.zanb\n644 7 70 b.bin\n");  // the file ends with the index
-  EXPECT_EQ(f.substr(136, 56), std::string(56, '\0'));
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(sec(i).flags, 0u);
+  // Manifest, payload, index: type, offset and bytes; the file ends with the index.
+  const uint64_t payAt = (manifest.size() + 255) / 64 * 64, idxAt = (payAt + 77 + 63) / 64 * 64;
+  const std::tuple<uint32_t, uint64_t, std::string> want[] = {
+      {13, 192, manifest}, {14, payAt, "ZANBxyz" + std::string(70, 'b')},
+      {15, idxAt, "755 0 7 a.zanb\n644 7 70 b.bin\n"}};
+  for (int i = 0; i < 3; ++i) {
+    const tov::zan2::SectionEntry s = tov::zan2::decodeSection(b + 64 + 24 * i);
+    EXPECT_EQ(std::make_tuple(s.type, s.offset, f.substr(s.offset, s.size)), want[i]) << i;
+    EXPECT_EQ(s.flags, 0u);
+  }
+  EXPECT_EQ(f.size(), idxAt + std::get<2>(want[2]).size());
 }
 
 // A container built by hand: sections given as (type, offset, size) over a
