@@ -30,8 +30,7 @@ std::string what(const Row& r) {
 // A NaN of the sentinel's width passes for it; all else compares as bits.
 void expectBits(uint64_t got, uint64_t want, const std::string& what) {
   auto nan = [](uint64_t v, uint64_t inf) { return (v & inf) == inf && (v & ~inf & (inf - 1)); };
-  if ((want == kNaN32 && got >> 32 == 0 && nan(got, FINF)) || (want == kNaN64 && nan(got, DINF)))
-    got = want;
+  if ((want == kNaN32 && got >> 32 == 0 && nan(got, FINF)) || (want == kNaN64 && nan(got, DINF))) got = want;
   EXPECT_EQ(hex(got), hex(want)) << what;
 }
 
@@ -188,8 +187,7 @@ TEST(ZanbInsn, Compare) { runRows(compareRows()); }
 TEST(ZanbInsn, Branches) {
   for (const Row& r : compareRows()) {
     struct Step { Insn insn; uint64_t slot1, slot0; };
-    std::vector<Step> steps = {{konst(0, r.b), 0, r.b},
-                               {op(Op_add, 0, 1, 4, kI64), r.b - 1, r.b},
+    std::vector<Step> steps = {{konst(0, r.b), 0, r.b}, {op(Op_add, 0, 1, 4, kI64), r.b - 1, r.b},
                                {op(Op_sub, 0, 1, 4, kI64), r.b + 1, r.b}};
     if (r.type == kI32 || r.type == kF32)  // else the i32 sum's cleared high half matters
       steps.push_back({op(Op_add, 0, 1, 4, kI32), r.b - 1, uint32_t(r.b)});
@@ -210,10 +208,8 @@ TEST(ZanbInsn, Branches) {
     }
   }
   // The branch tests another slot than the compare wrote: no fusing.
-  EXPECT_EQ(eval({kMark, 1, 2, 0, 0}, {op(Op_lt_s, 3, 1, 2), op(Op_jz, 8, 4), konst(0, 1)}).value,
-            kMark);
-  EXPECT_EQ(eval({kMark, 1, 2, 0, 0}, {op(Op_lt_s, 4, 1, 2), op(Op_jz, 8, 3), konst(0, 1)}).value,
-            kMark);
+  EXPECT_EQ(eval({kMark, 1, 2, 0, 0}, {op(Op_lt_s, 3, 1, 2), op(Op_jz, 8, 4), konst(0, 1)}).value, kMark);
+  EXPECT_EQ(eval({kMark, 1, 2, 0, 0}, {op(Op_lt_s, 4, 1, 2), op(Op_jz, 8, 3), konst(0, 1)}).value, kMark);
   // Plain branches test the low half; pc 2 branches over pc 3 to pc 4.
   struct B { uint8_t op; uint64_t cond, want; };
   for (B r : {B{Op_jz, 0x100000000, 0}, B{Op_jz, I32MIN, 1}, B{Op_jnz, 0x100000000, 1},
@@ -224,59 +220,47 @@ TEST(ZanbInsn, Branches) {
   EXPECT_EQ(eval({}, {op(Op_const, 0, 0x12345678, 0x9ABCDEF0, kI32)}).value, 0x9ABCDEF012345678u);
   // A jump straight onto the branch skips the compare: slot 3 stays 0.
   for (uint8_t br : {Op_jz, Op_jnz}) {
-    Eval e =
-        eval({kMark, 1, 2, 0}, {op(Op_jmp, 6), op(Op_lt_s, 3, 1, 2), op(br, 8, 3), konst(0, 1)});
+    Eval e = eval({kMark, 1, 2, 0}, {op(Op_jmp, 6), op(Op_lt_s, 3, 1, 2), op(br, 8, 3), konst(0, 1)});
     EXPECT_EQ(e.value, br == Op_jz ? kMark : 1u);
   }
 }
 
 // Conversions by name: a name in the wrong place of the table fails here too.
 TEST(ZanbInsn, Conversions) {
-  struct C { const char* name; std::vector<std::pair<uint64_t, uint64_t>> cases; };  // cases: source bits, result bits
+  struct C { const char* name; std::vector<std::pair<uint64_t, uint64_t>> cases; };  // source bits, result bits
   const C rows[] = {
-      {"i32.wrap_i64", {{0x123456789ABCDEF0, 0x9ABCDEF0}}},
+      {"i32.wrap_i64", {{0x123456789ABCDEF0, 0x9ABCDEF0}}}, {"f64.promote_f32", {{0xFFFFFFFF00000000 | F2, D2}}},
       {"i64.extend_i32_s", {{I32MIN, 0xFFFFFFFF80000000}, {0xFFFFFFFF7FFFFFFF, 0x7FFFFFFF}}},
       {"i64.extend_i32_u", {{0xFFFFFFFF80000000, I32MIN}}}, {"f32.convert_i32_s", {{0x12345678FFFFFFFF, FM1}}},
       {"f32.convert_i32_u", {{M32, 0x4F800000}}},
-      // Rounded once, straight to f32: through f64 the low 1 would be lost
-      // and the tie would round down.
+      // Rounded once, straight to f32: through f64 the low 1 would be lost and the tie would round down.
       {"f32.convert_i64_s", {{ALL, FM1}, {I64MIN, 0xDF000000}, {0x4000004000000001, 0x5E800001}}},
       {"f32.convert_i64_u", {{ALL, 0x5F800000}, {0x8000008000000001, 0x5F000001}}},
       {"f64.convert_i32_s", {{I32MIN, 0xC1E0000000000000}}}, {"f64.convert_i32_u", {{M32, 0x41EFFFFFFFE00000}}},
       {"f64.convert_i64_s", {{~I64MIN, 0x43E0000000000000}, {I64MIN, 0xC3E0000000000000}}},
       {"f64.convert_i64_u", {{0x8000000000000401, 0x43E0000000000001}, {ALL, 0x43F0000000000000}}},
-      {"f32.demote_f64",
-       {{DNZ, FNZ}, {0x7E37E43C8800759C, FINF}, {0x3FF0000010000000, F1},
-        {0x3FF0000030000000, 0x3F800002}}},
-      {"f64.promote_f32", {{0xFFFFFFFF00000000 | F2, D2}}},
+      {"f32.demote_f64", {{DNZ, FNZ}, {0x7E37E43C8800759C, FINF}, {0x3FF0000010000000, F1},
+                          {0x3FF0000030000000, 0x3F800002}}},
       // i32.trunc_*_s: out of range and NaN give the minimum.
-      {"i32.trunc_f32_s",
-       {{0xBFC00000, M32}, {FNAN, I32MIN}, {0x4F000000, I32MIN}, {0xCF32D05E, I32MIN},
-        {0x4EFFFFFF, 0x7FFFFF80}}},
-      {"i32.trunc_f64_s",
-       {{0x41DFFFFFFFF9999A, 0x7FFFFFFF}, {0x41E0000000000000, I32MIN},
-        {0xC1DFFFFFFFE00000, 0x80000001}, {0xC1E0000000200000, I32MIN}, {DINF, I32MIN}}},
+      {"i32.trunc_f32_s", {{0xBFC00000, M32}, {FNAN, I32MIN}, {0x4F000000, I32MIN}, {0xCF32D05E, I32MIN},
+                           {0x4EFFFFFF, 0x7FFFFF80}}},
+      {"i32.trunc_f64_s", {{0x41DFFFFFFFF9999A, 0x7FFFFFFF}, {0x41E0000000000000, I32MIN},
+                           {0xC1DFFFFFFFE00000, 0x80000001}, {0xC1E0000000200000, I32MIN}, {DINF, I32MIN}}},
       // i32.trunc_*_u: through a signed 64-bit truncation, low half kept.
-      {"i32.trunc_f32_u",
-       {{0xBFC00000, M32}, {0x4F800000, 0}, {0x4F32D05E, 0xB2D05E00}, {FNAN, 0}, {0x5F000000, 0}}},
-      {"i32.trunc_f64_u",
-       {{0xBFF8000000000000, M32}, {0x41EFFFFFFFE00000, M32}, {0x43E0000000000000, 0},
-        {0xC3E0000000000000, 0}, {DNINF, 0}, {0x43E158E460913D00, 0}}},
-      {"i64.trunc_f32_s",
-       {{0xBFC00000, ALL}, {FNAN, I64MIN}, {0x5F000000, I64MIN}, {0x4F32D05E, 3000000000}}},
-      {"i64.trunc_f64_s",
-       {{0x43DFFFFFFFFFFFFF, 0x7FFFFFFFFFFFFC00}, {0x43E0000000000000, I64MIN}, {DNINF, I64MIN}}},
+      {"i32.trunc_f32_u", {{0xBFC00000, M32}, {0x4F800000, 0}, {0x4F32D05E, 0xB2D05E00}, {FNAN, 0}, {0x5F000000, 0}}},
+      {"i32.trunc_f64_u", {{0xBFF8000000000000, M32}, {0x41EFFFFFFFE00000, M32}, {0x43E0000000000000, 0},
+                           {0xC3E0000000000000, 0}, {DNINF, 0}, {0x43E158E460913D00, 0}}},
+      {"i64.trunc_f32_s", {{0xBFC00000, ALL}, {FNAN, I64MIN}, {0x5F000000, I64MIN}, {0x4F32D05E, 3000000000}}},
+      {"i64.trunc_f64_s", {{0x43DFFFFFFFFFFFFF, 0x7FFFFFFFFFFFFC00}, {0x43E0000000000000, I64MIN}, {DNINF, I64MIN}}},
       // i64.trunc_*_u: 2^63 and above go through subtract-and-flip.
-      {"i64.trunc_f32_u",
-       {{0x5F000000, I64MIN}, {0x5F800000, 0}, {0x3FC00000, 1}, {0xBFC00000, ALL}, {FNAN, I64MIN},
-        {0x5F7FFFFF, 0xFFFFFF0000000000}}},
-      {"i64.trunc_f64_u",
-       {{0x43EFFFFFFFFFFFFF, 0xFFFFFFFFFFFFF800}, {0x43F0000000000000, 0}, {DNAN, I64MIN},
-        {0xBFF8000000000000, ALL}}},
+      {"i64.trunc_f32_u", {{0x5F000000, I64MIN}, {0x5F800000, 0}, {0x3FC00000, 1}, {0xBFC00000, ALL}, {FNAN, I64MIN},
+                           {0x5F7FFFFF, 0xFFFFFF0000000000}}},
+      {"i64.trunc_f64_u", {{0x43EFFFFFFFFFFFFF, 0xFFFFFFFFFFFFF800}, {0x43F0000000000000, 0}, {DNAN, I64MIN},
+                           {0xBFF8000000000000, ALL}}},
       {"i32.extend8_s", {{0x1234567880, 0xFFFFFF80}, {0x7F, 0x7F}}},
+      {"i64.extend16_s", {{0xFFFF, ALL}, {0x7FFF, 0x7FFF}}},
       {"i32.extend16_s", {{0x8000, 0xFFFF8000}, {0xFFFFFFFF00007FFF, 0x7FFF}}},
       {"i64.extend8_s", {{0x80, 0xFFFFFFFFFFFFFF80}, {0x17F, 0x7F}}},
-      {"i64.extend16_s", {{0xFFFF, ALL}, {0x7FFF, 0x7FFF}}},
       {"i64.extend32_s", {{I32MIN, 0xFFFFFFFF80000000}, {0xFFFFFFFF7FFFFFFF, 0x7FFFFFFF}}},
   };
   for (const C& r : rows) {
@@ -345,8 +329,7 @@ TEST(ZanbInsn, MemGrow) {
     p.header.memMaxPages = r.maxPages;
     VmConfig cfg;
     cfg.memLimit = r.memLimit;
-    Eval e = eval(
-        {kMark, r.delta},
+    Eval e = eval({kMark, r.delta},
         {op(Op_mem_grow, 0, 1), op(Op_mem_size, 2), konst(3, 0x100), op(Op_store, 3, 2, 0, kI64)},
         p, cfg, 0x100, 8);
     std::string w = "max " + std::to_string(r.maxPages) + " limit " + std::to_string(r.memLimit) +
@@ -360,8 +343,7 @@ TEST(ZanbInsn, MemGrow) {
   t.header.memMinPages = 1;
   t.seg(69999, "Z");
   EXPECT_EQ(eval({kMark, 69999}, {op(Op_load8_u, 0, 1), op(Op_mem_grow, 2, 3)}, t).value, 'Z');
-  EXPECT_EQ(eval({kMark, 69999}, {op(Op_mem_grow, 2, 3), op(Op_load8_u, 0, 1)}, t).err,
-            fault(69999, 1, 65536));
+  EXPECT_EQ(eval({kMark, 69999}, {op(Op_mem_grow, 2, 3), op(Op_load8_u, 0, 1)}, t).err, fault(69999, 1, 65536));
   EXPECT_EQ(eval({kMark, 65535}, {op(Op_mem_grow, 0, 3), op(Op_load8_u, 2, 1)}, t).value, 1u);
 }
 
@@ -391,8 +373,7 @@ TEST(ZanbInsn, BulkMemory) {
       {Op_mem_init, 0x100, 0xFFFFFFFF, 1, "", segOut}, {Op_mem_init, 131070, 0, 4, "", fault(131070, 4)},
   };
   for (const R& r : rows) {
-    Eval e =
-        eval({kMark, r.a, r.b, r.c, 0x100}, {op(r.op, 1, 2, 3), op(Op_load, 0, 4, 0, kI64)}, p);
+    Eval e = eval({kMark, r.a, r.b, r.c, 0x100}, {op(r.op, 1, 2, 3), op(Op_load, 0, 4, 0, kI64)}, p);
     uint64_t want = 0;
     std::memcpy(&want, r.want, std::strlen(r.want));
     EXPECT_EQ(outcome(e), r.err.empty() ? hex(want) : r.err)

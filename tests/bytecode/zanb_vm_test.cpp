@@ -188,8 +188,7 @@ TEST(ZanbVm, MemorySegmentsAndGlobals) {
   g.header.memMinPages = 1;
   g.seg(69996, "abcd");
   g.seg(69998, "Z");
-  Eval e = eval({69996},
-                {op(Op_mem_size, 2), op(Op_load, 0, 0, 0, kI32), konst(3, 0x100),
+  Eval e = eval({69996}, {op(Op_mem_size, 2), op(Op_load, 0, 0, 0, kI32), konst(3, 0x100),
                  op(Op_store, 3, 2, 0, kI64)},
                 g, {}, 0x100, 8);
   EXPECT_EQ(e.value, 0x645A6261u);  // "abZd"
