@@ -328,11 +328,15 @@ TEST(ZanbInsn, MemGrow) {
     EXPECT_EQ(le64(e.mem), r.pagesAfter) << w;
   }
 
-  // A segment left 70000 bytes; growing by 0 cuts that to one page.
+  // Segments grow memory to exactly their end, 70000 bytes, later ones overwriting earlier ones;
+  // mem_size rounds that down, and growing by 0 cuts it to one page.
   Prog t;
   t.header.memMinPages = 1;
-  t.seg(69999, "Z");
-  EXPECT_EQ(eval({kMark, 69999}, {op(Op_load8_u, 0, 1), op(Op_mem_grow, 2, 3)}, t).value, 'Z');
+  t.seg(69996, "abcd");
+  t.seg(69998, "Z");
+  EXPECT_EQ(eval({kMark, 69996}, {op(Op_load, 0, 1, 0, kI32), op(Op_mem_grow, 2, 3)}, t).value, 0x645A6261u);
+  EXPECT_EQ(eval({kMark, 69997}, {op(Op_load, 0, 1, 0, kI32)}, t).err, fault(69997, 4, 70000));
+  EXPECT_EQ(eval({kMark}, {op(Op_mem_size, 0)}, t).value, 1u);
   EXPECT_EQ(eval({kMark, 69999}, {op(Op_mem_grow, 2, 3), op(Op_load8_u, 0, 1)}, t).err, fault(69999, 1, 65536));
   EXPECT_EQ(eval({kMark, 65535}, {op(Op_mem_grow, 0, 3), op(Op_load8_u, 2, 1)}, t).value, 1u);
 }

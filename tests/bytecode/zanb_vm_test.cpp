@@ -101,32 +101,18 @@ TEST(ZanbVm, StepLimitCountsEveryInstruction) {
   }
 }
 
-// main is [call f1] at pc 0, so the function under test starts at pc 1.
-// Function 2 is empty with 3 params, 3 empty with none, 4 empty with 2^32 - 1
-// params, and 5 empty with 2^32 - 1 slots. Two globals, one data segment.
-struct TrapRow { uint32_t slots; std::vector<Insn> body; std::string err; };  // err empty: runs to its end
-
-void runTrapRows(const std::vector<TrapRow>& rows) {
-  for (size_t i = 0; i < rows.size(); i++) {
-    const TrapRow& r = rows[i];
-    Prog p;
-    p.globals = {Global{{}, 40}, Global{{}, 41}};
-    p.seg(0, "hi");
-    p.fn(1, {call(0, 1, 0)});
-    p.fn(r.slots, r.body);
-    p.fn(3, {}, 3);
-    p.fn(0, {});
-    p.fn(4, {}, 0xFFFFFFFF);
-    p.fn(0xFFFFFFFF, {});
-    Result res = run(p);
-    std::string what = "row " + std::to_string(i) + ", " + opName(r.body.back().op());
-    EXPECT_EQ(res.err, r.err.empty() ? "" : "zanb trap: " + r.err) << what;
-    EXPECT_EQ(res.rc, r.err.empty() ? 0 : -1) << what;
-  }
-}
-
-TEST(ZanbVm, TrapTexts) {
-  runTrapRows({
+// main is [call f1] at pc 0, so the function under test starts at pc 1. Function 2 is empty with
+// 3 params, 3 empty with none, 4 empty with 2^32 - 1 params, and 5 empty with 2^32 - 1 slots. Two
+// globals, one data segment. An empty err: the function runs to its end.
+TEST(ZanbVm, TrapTextsAndSlotValidation) {
+  auto bad = [](uint32_t pc, const Insn& i, uint32_t n) {
+    return "slot out of range: pc " + std::to_string(pc) + " op " + std::to_string(i.op()) +
+           " a=" + std::to_string(i.a) + " b=" + std::to_string(i.b) + " c=" + std::to_string(i.c) +
+           " frameSlots=" + std::to_string(n);
+  };
+  const std::string slot = "slot";  // the last instruction names a slot outside the frame
+  struct TrapRow { uint32_t slots; std::vector<Insn> body; std::string err; };
+  const TrapRow rows[] = {
       {3, {op(Op_nop), op(Op_min)}, "unknown opcode 42 at pc 2"},
       {3, {op(Op_copysign, 0, 0, 0, kF64)}, "unknown opcode 44 at pc 1"},
       {3, {op(Op_nop), op(Op_nop), op(255)}, "unknown opcode 255 at pc 3"},
@@ -144,57 +130,39 @@ TEST(ZanbVm, TrapTexts) {
       {3, {sys(1, 0, 0)}, ""}, {31, {sys(24, 0, 2)}, "syscall args out of frame"},
       {3, {sys(8, 0, 0)}, "unknown syscall 8"}, {3, {sys(56, 0, 0)}, "unknown syscall 56"},
       {3, {sys(116, 0, 0)}, "unknown syscall 116"}, {3, {sys(0xFFFFFFFF, 0, 0)}, "unknown syscall 4294967295"},
-  });
-}
-
-// Each function is checked whole before it first runs: a, b and c must name
-// slots of the frame, except where the opcode gives them another meaning.
-TEST(ZanbVm, SlotValidationByOpcode) {
-  auto bad = [](uint32_t pc, const Insn& i, uint32_t n) {
-    return "slot out of range: pc " + std::to_string(pc) + " op " + std::to_string(i.op()) +
-           " a=" + std::to_string(i.a) + " b=" + std::to_string(i.b) + " c=" + std::to_string(i.c) +
-           " frameSlots=" + std::to_string(n);
-  };
-  runTrapRows({
-      {7, {op(Op_trap, 7)}, bad(1, op(Op_trap, 7), 7)},  // the trap code counts as a slot
-      {7, {op(Op_convert, 0, 1, 7)}, bad(1, op(Op_convert, 0, 1, 7), 7)},  // so does a kind
-      {0, {op(Op_nop)}, bad(1, op(Op_nop), 0)},
+      // Each function is checked whole before it first runs: a, b and c must name slots of the
+      // frame, except where the opcode gives them another meaning.
+      {7, {op(Op_trap, 7)}, slot}, {7, {op(Op_convert, 0, 1, 7)}, slot},  // a trap code or a kind counts
+      {0, {op(Op_nop)}, slot}, {9, {op(Op_trap, 3), op(Op_trap, 9)}, slot},  // before anything runs
       {2, {op(Op_nop), op(Op_add, 5), op(Op_or, 6)}, bad(2, op(Op_add, 5), 2)},  // first wins
-      {9, {op(Op_trap, 3), op(Op_trap, 9)}, bad(2, op(Op_trap, 9), 9)},  // before anything runs
-      {1, {op(Op_jmp, 500, 7, 7)}, ""}, {0, {op(Op_ret, 0xFFFFFFFF, 3, 3)}, ""},
-      {1, {op(Op_ret, 0x80000000)}, bad(1, op(Op_ret, 0x80000000), 1)},
-      {1, {op(Op_const, 0, 99, 99)}, ""}, {1, {op(Op_getg, 0, 1, 9)}, ""},
-      {1, {op(Op_jz, 900, 0, 9)}, ""}, {1, {op(Op_jnz, 0, 1)}, bad(1, op(Op_jnz, 0, 1), 1)},
-      {1, {op(Op_setg, 1, 0)}, bad(1, op(Op_setg, 1, 0), 1)}, {2, {op(Op_load, 0, 1, 70000, kI64)}, ""},
-      {2, {op(Op_load8_u, 0, 2)}, bad(1, op(Op_load8_u, 0, 2), 2)},
-      {2, {op(Op_store16, 2, 0)}, bad(1, op(Op_store16, 2, 0), 2)},
-      {2, {call(0, 3, 1)}, ""}, {2, {call(0, 3, 2)}, bad(1, call(0, 3, 2), 2)},
-      {2, {sys(112, 1, 0)}, ""}, {2, {sys(112, 2, 0)}, bad(1, sys(112, 2, 0), 2)},
-      {3, {op(Op_mem_init, 0, 1, 3)}, bad(1, op(Op_mem_init, 0, 1, 3), 3)},
-      {4, {op(Op_mov, 0, 1, 4)}, bad(1, op(Op_mov, 0, 1, 4), 4)},
-      {4, {op(72, 0, 0, 4)}, bad(1, op(72, 0, 0, 4), 4)},  // an unknown opcode too
-  });
+      {1, {op(Op_jmp, 500, 7, 7)}, ""}, {0, {op(Op_ret, 0xFFFFFFFF, 3, 3)}, ""}, {1, {op(Op_ret, 0x80000000)}, slot},
+      {1, {op(Op_const, 0, 99, 99)}, ""}, {1, {op(Op_getg, 0, 1, 9)}, ""}, {1, {op(Op_jz, 900, 0, 9)}, ""},
+      {1, {op(Op_jnz, 0, 1)}, slot}, {1, {op(Op_setg, 1, 0)}, slot}, {2, {op(Op_load, 0, 1, 70000, kI64)}, ""},
+      {2, {op(Op_load8_u, 0, 2)}, slot}, {2, {op(Op_store16, 2, 0)}, slot}, {2, {call(0, 3, 1)}, ""},
+      {2, {call(0, 3, 2)}, slot}, {2, {sys(112, 1, 0)}, ""}, {2, {sys(112, 2, 0)}, slot},
+      {3, {op(Op_mem_init, 0, 1, 3)}, slot}, {4, {op(Op_mov, 0, 1, 4)}, slot},
+      {4, {op(72, 0, 0, 4)}, slot},  // an unknown opcode too
+  };
+  for (size_t i = 0; i < std::size(rows); i++) {
+    const TrapRow& r = rows[i];
+    Prog p;
+    p.globals = {Global{{}, 40}, Global{{}, 41}};
+    p.seg(0, "hi");
+    p.fn(1, {call(0, 1, 0)});
+    p.fn(r.slots, r.body);
+    p.fn(3, {}, 3);
+    p.fn(0, {});
+    p.fn(4, {}, 0xFFFFFFFF);
+    p.fn(0xFFFFFFFF, {});
+    Result res = run(p);
+    const std::string err = r.err == slot ? bad(uint32_t(r.body.size()), r.body.back(), r.slots) : r.err;
+    const std::string what = "row " + std::to_string(i) + ", " + opName(r.body.back().op());
+    EXPECT_EQ(res.err, err.empty() ? "" : "zanb trap: " + err) << what;
+    EXPECT_EQ(res.rc, err.empty() ? 0 : -1) << what;
+  }
 }
 
-TEST(ZanbVm, MemorySegmentsAndGlobals) {
-  Prog p;
-  EXPECT_EQ(eval({}, {op(Op_mem_size, 0)}, p).value, 2u);
-  p.header.memMinPages = 3;
-  EXPECT_EQ(eval({}, {op(Op_mem_size, 0)}, p).value, 3u);
-
-  // A segment past the end grows memory to exactly its end; later segments
-  // overwrite earlier ones.
-  Prog g;
-  g.header.memMinPages = 1;
-  g.seg(69996, "abcd");
-  g.seg(69998, "Z");
-  Eval e = eval({69996}, {op(Op_mem_size, 2), op(Op_load, 0, 0, 0, kI32), konst(3, 0x100),
-                 op(Op_store, 3, 2, 0, kI64)},
-                g, {}, 0x100, 8);
-  EXPECT_EQ(e.value, 0x645A6261u);  // "abZd"
-  EXPECT_EQ(le64(e.mem), 1u);       // 70000 bytes round down to one page
-  EXPECT_EQ(eval({69997}, {op(Op_load, 0, 0, 0, kI32)}, g).err, fault(69997, 4, 70000));
-
+TEST(ZanbVm, Globals) {
   Prog k;
   k.globals = {Global{{9, 9, 9, 9, 9, 9, 9, 9}, 0x1122334455667788ull}, Global{{}, 7}};
   EXPECT_EQ(eval({}, {op(Op_getg, 0, 0)}, k).value, 0x1122334455667788ull);

@@ -68,15 +68,12 @@ std::string openMessage(const std::string& bytes) {
   return res.message;
 }
 
-TEST(Zan2, Crc64) {
+TEST(Zan2, Crc64AndKindNames) {
   EXPECT_EQ(zan2::crc64("abc", 3), 0x4E585630ADB2B002ULL);
   EXPECT_EQ(zan2::crc64("", 0), 0u);
   const std::string text = "The quick brown fox jumps over the lazy dog";
   EXPECT_EQ(zan2::crc64(zan2::crc64(text.data(), 10), text.data() + 10, text.size() - 10),
             zan2::crc64(text.data(), text.size()));
-}
-
-TEST(Zan2, KindNames) {
   const char* names[] = {"model (legacy/unmarked)", "model", "plugin", "dataset", "bundle", "repo", "app",
                          "unknown-kind"};
   for (uint32_t k = 0; k < 8; ++k) EXPECT_STREQ(zan2::kindName(k), names[k]) << k;
