@@ -109,6 +109,17 @@ inline Eval eval(const std::vector<uint64_t>& init, const std::vector<Insn>& bod
   return e;
 }
 
+// System call `num` with its arguments in slots 10.., the result to slot 0 (preset to kMark);
+// `after` runs behind the call.
+inline Eval callSys(uint32_t num, const std::vector<uint64_t>& args, const Prog& p = {}, VmConfig cfg = {},
+                    uint32_t dumpAt = 0, uint32_t dumpLen = 0, const std::vector<Insn>& after = {}) {
+  std::vector<Insn> body;
+  for (size_t i = 0; i < args.size(); i++) body.push_back(konst(uint32_t(10 + i), args[i]));
+  body.push_back(sys(num, 0, 10));
+  body.insert(body.end(), after.begin(), after.end());
+  return eval({kMark}, body, p, cfg, dumpAt, dumpLen);
+}
+
 inline std::string hex(uint64_t v) {
   char b[24];
   snprintf(b, sizeof b, "0x%llx", (unsigned long long)v);

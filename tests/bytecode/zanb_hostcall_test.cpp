@@ -100,10 +100,7 @@ TEST(ZanbHostCall, OperationsArgumentsAndResults) {
     Prog p;
     p.seg(0x100, std::string("hello\0lo\0", 9));
     p.seg(kDst, std::string(8, 'M'));
-    std::vector<Insn> body;
-    for (size_t i = 0; i < r.args.size(); i++) body.push_back(konst(uint32_t(10 + i), r.args[i]));
-    body.push_back(sys(r.num, 0, 10));
-    Eval e = eval({kMark}, body, p, cfg, kDst, 8);
+    Eval e = callSys(r.num, r.args, p, cfg, kDst, 8);
     std::string what = "call " + std::to_string(r.num) + " " + r.log;
     EXPECT_EQ(outcome(e), hex(r.result)) << what;
     EXPECT_EQ(host.log, r.log) << what;
@@ -115,8 +112,7 @@ TEST(ZanbHostCall, TitleOutOfBoundsAndPresentBlock) {
   RecordingHost title, host;
   VmConfig cfg;
   cfg.host = &title;  // a title beyond memory is empty and leaves the fault
-  Eval e = eval({kMark}, {konst(10, kMemSize - 2), konst(11, 4), sys(10, 0, 10),
-                          op(Op_load, 1, 0, 0, kI32)}, {}, cfg);
+  Eval e = callSys(10, {kMemSize - 2, 4}, {}, cfg, 0, 0, {op(Op_load, 1, 0, 0, kI32)});
   EXPECT_EQ(title.log, "winOpen(,0,0,0)");
   EXPECT_EQ(e.err, fault(kMemSize - 2, 4));
 

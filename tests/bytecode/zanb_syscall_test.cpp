@@ -9,17 +9,6 @@ using namespace zanbtest;
 
 constexpr uint64_t ALL = ~0ull;
 
-// Arguments go to slots 10.., the result to slot 0 (preset to kMark);
-// `after` runs behind the call.
-Eval callSys(uint32_t num, const std::vector<uint64_t>& args, const Prog& p = {}, VmConfig cfg = {},
-             uint32_t dumpAt = 0, uint32_t dumpLen = 0, const std::vector<Insn>& after = {}) {
-  std::vector<Insn> body;
-  for (size_t i = 0; i < args.size(); i++) body.push_back(konst(uint32_t(10 + i), args[i]));
-  body.push_back(sys(num, 0, 10));
-  body.insert(body.end(), after.begin(), after.end());
-  return eval({kMark}, body, p, cfg, dumpAt, dumpLen);
-}
-
 // One call and what it leaves: the result and the dumped bytes, or the trap;
 // and what it printed.
 struct SysRow {
