@@ -84,9 +84,8 @@ struct Eval : Result {
   std::string mem;     // the dumped memory range
 };
 
-// Loads init[i] into slot i, runs body, then writes slot 0 and `dumpLen`
-// bytes from `dumpAt` to stdout. `p` may carry data segments and header
-// fields but no functions.
+// Loads init[i] into slot i, runs body, then writes slot 0 and `dumpLen` bytes from `dumpAt` to stdout. `p`
+// may carry data segments and header fields but no functions.
 inline Eval eval(const std::vector<uint64_t>& init, const std::vector<Insn>& body, Prog p = {},
                  VmConfig cfg = {}, uint32_t dumpAt = 0, uint32_t dumpLen = 0) {
   std::vector<Insn> v;

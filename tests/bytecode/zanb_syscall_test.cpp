@@ -1,7 +1,6 @@
-// System calls the machine answers itself (console output, arguments and environment, the text
-// helpers, the fd_write family and its sticky fault), and host calls through a recording host:
-// signed arguments, results in the slot, text across guest memory, call 24's block (plain
-// dispatch: the script cases' host logs).
+// System calls the machine answers itself (console output, arguments and environment, the text helpers, the
+// fd_write family and its sticky fault), and host calls through a recording host: signed arguments, results
+// in the slot, text across guest memory, call 24's block (plain dispatch: the script cases' host logs).
 #include <gtest/gtest.h>
 
 #include "tests/bytecode/zanb_harness.h"
@@ -11,8 +10,7 @@ using namespace zanbtest;
 
 constexpr uint64_t ALL = ~0ull;
 
-// One call and what it leaves: the result and the dumped bytes, or the trap;
-// and what it printed.
+// One call and what it leaves: the result and the dumped bytes, or the trap; and what it printed.
 struct SysRow {
   uint32_t num;
   std::vector<uint64_t> args;
@@ -111,10 +109,9 @@ TEST(ZanbSyscall, ArgumentAndEnvironmentLists) {
              p, 0x10, 0x40);
 }
 
-// strfind (26: haystack, needle), fmt (29: dest, cap, value, decimals, suffix)
-// and strcopy (40: dest, cap, source), writing over '#' bytes at 0x400. A
-// string outside memory reads as "" and sets no fault: the load behind each
-// call must not trap.
+// strfind (26: haystack, needle), fmt (29: dest, cap, value, decimals, suffix) and strcopy (40: dest, cap,
+// source), writing over '#' bytes at 0x400. A string outside memory reads as "" and sets no fault: the load
+// behind each call must not trap.
 TEST(ZanbSyscall, StrfindFmtAndStrcopy) {
   Prog p;
   p.seg(0, "ZZ");  // a suffix address of 0 means none, not this text
@@ -152,8 +149,7 @@ TEST(ZanbSyscall, StrfindFmtAndStrcopy) {
              p, 0x400, 16, {}, {op(Op_load, 5, 6, 0, kI32)});
 }
 
-// iovec arrays at 0x300.. over "hello" at 0x100 and "abc" at 0x200; the
-// total goes to 0x380, over 0xEE bytes.
+// iovec arrays at 0x300.. over "hello" at 0x100 and "abc" at 0x200; the total goes to 0x380, over 0xEE bytes.
 TEST(ZanbSyscall, FdWriteIovecsAndTotal) {
   Prog p;
   p.seg(0x100, "hello");

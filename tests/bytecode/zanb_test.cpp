@@ -16,9 +16,8 @@
 namespace {
 using namespace tov::zanb;
 
-// Three functions (two named), two globals, two segments reaching 7 bytes
-// into the blob, three instructions. Layout: tables end at 240, names at
-// 240..246, gap to 248, blob 248..255, gap to 256, code 256..304. Magic,
+// Three functions (two named), two globals, two segments reaching 7 bytes into the blob, three instructions.
+// Layout: tables end at 240, names at 240..246, gap to 248, blob 248..255, gap to 256, code 256..304. Magic,
 // version and the counts are the writer's to set.
 Module sample() {
   Module m;
@@ -50,9 +49,8 @@ TEST(ZanbWrite, LayoutByteForByte) {
   }
 }
 
-// Each row patches up to two little-endian fields of a valid module: `one`
-// (one function, 112 bytes, code at 96) or `seg` (one segment: table at 64,
-// blob 88..96), then keeps `size` bytes of it.
+// Each row patches up to two little-endian fields of a valid module: `one` (one function, 112 bytes, code at
+// 96) or `seg` (one segment: table at 64, blob 88..96), then keeps `size` bytes of it.
 TEST(ZanbRead, EveryFailureWithItsMessage) {
   Module m1, m2;
   m1.funcs = {{0, 0, 0, 0, 1, 0, 0, 1}};
@@ -124,8 +122,7 @@ Module asmOk(const std::string& text) {
   return m;
 }
 
-// What a text assembles to: the message, or its one instruction as
-// "opInfo a b c" in hex.
+// What a text assembles to: the message, or its one instruction as "opInfo a b c" in hex.
 std::string assembled(const std::string& text) {
   Module m;
   std::string err;

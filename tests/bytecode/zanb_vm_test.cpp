@@ -1,8 +1,7 @@
-// The machine core (loading, starting, call and return, the step limit, lazy slot validation and
-// every trap text), then what each instruction computes, one table per family. Every table row
-// runs `op a=0 b=1 c=2` on slots loaded with bit patterns; slot 0 starts as kMark so a result that
-// leaves high bits behind shows. Expected values are bit patterns worked out from IEEE 754 and
-// two's complement by hand.
+// The machine core (loading, starting, call and return, the step limit, lazy slot validation and every trap
+// text), then what each instruction computes, one table per family. Every table row runs `op a=0 b=1 c=2` on
+// slots loaded with bit patterns; slot 0 starts as kMark so a result that leaves high bits behind shows.
+// Expected values are bit patterns worked out from IEEE 754 and two's complement by hand.
 #include <gtest/gtest.h>
 
 #include "tests/bytecode/zanb_harness.h"
@@ -77,9 +76,8 @@ TEST(ZanbVm, EntryAndLoadFailures) {
   EXPECT_EQ(err, "zanb: bad magic");
 }
 
-// Every instruction run counts, the callee's too, and a compare and its
-// branch count as two; the return at a function's end is none. The
-// instruction past the limit does not run: `write` prints only at 4.
+// Every instruction run counts, the callee's too, and a compare and its branch count as two; the return at a
+// function's end is none. The instruction past the limit does not run: `write` prints only at 4.
 TEST(ZanbVm, StepLimitCountsEveryInstruction) {
   Prog nops, callee, loop, write;
   nops.fn(1, std::vector<Insn>(5, op(Op_nop)));
@@ -297,8 +295,7 @@ TEST(ZanbInsn, UnaryAndMoves) {
       {Op_nearest, kF64, 0x400C000000000000, 0, 0x4010000000000000}, {Op_sqrt, kF64, D2, 0, 0x3FF6A09E667F3BCD},
       {Op_sqrt, kF64, DM1, 0, kNaN64}, {Op_ctz, kF64, D1, 0, D1}, {Op_abs, T9, DM1, 0, D1},
   };
-  // Moves copy all 64 bits; select keeps slot 0 unless the condition's low
-  // half is zero.
+  // Moves copy all 64 bits; select keeps slot 0 unless the condition's low half is zero.
   const uint64_t v = 0xFFFFFFFF12345678;
   rows.insert(rows.end(), {{Op_mov, kI32, v, 0, v}, {Op_getl, kF32, v, 0, v},
                            {Op_setl, kI32, v, 0, v}, {Op_reinterpret, kF32, v, 0, v},
@@ -336,10 +333,9 @@ std::vector<Row> compareRows() {
 
 TEST(ZanbInsn, Compare) { runRows(compareRows()); }
 
-// Every compare row again, followed by jz or jnz on its result (one fused
-// step in the plain loop), and with an add or sub right before the compare
-// (a counted loop's step) making slot 0 from slot 1 and slot 4 (= 1). The
-// branch goes to pc 10 or on to pc 8; the compare's slot keeps its result.
+// Every compare row again, followed by jz or jnz on its result (one fused step in the plain loop), and with
+// an add or sub right before the compare (a counted loop's step) making slot 0 from slot 1 and slot 4 (= 1).
+// The branch goes to pc 10 or on to pc 8; the compare's slot keeps its result.
 TEST(ZanbInsn, Branches) {
   for (const Row& r : compareRows()) {
     struct Step { Insn insn; uint64_t slot1, slot0; };
@@ -506,9 +502,8 @@ TEST(ZanbInsn, MemGrow) {
   EXPECT_EQ(eval({kMark, 65535}, {op(Op_mem_grow, 0, 3), op(Op_load8_u, 2, 1)}, t).value, 1u);
 }
 
-// mem_copy, mem_fill and mem_init `op a=1 b=2 c=3` over "abcdefgh" at 0x100;
-// slot 0 ends up as those 8 bytes. mem_init copies from segment 3, "WXYZ",
-// and takes its count from slot 3 as well.
+// mem_copy, mem_fill and mem_init `op a=1 b=2 c=3` over "abcdefgh" at 0x100; slot 0 ends up as those 8 bytes.
+// mem_init copies from segment 3, "WXYZ", and takes its count from slot 3 as well.
 TEST(ZanbInsn, BulkMemory) {
   Prog p;
   p.seg(0x100, "abcdefgh");

@@ -299,8 +299,7 @@ std::vector<std::string> paths(const std::vector<File>& files) {
 }
 
 #ifdef _WIN32
-// Windows has no execute bits (a file runs by its name) and makes symbolic
-// links only with extra privileges.
+// Windows has no execute bits (a file runs by its name) and makes symbolic links only with extra privileges.
 constexpr bool kPosixFiles = false;
 #else
 constexpr bool kPosixFiles = true;
@@ -373,8 +372,7 @@ TEST(ZanApp, PackLayoutByteByByte) {
   EXPECT_EQ(f.size(), idxAt + std::get<2>(want[2]).size());
 }
 
-// A container built by hand: sections given as (type, offset, size) over a
-// body placed from offset 192.
+// A container built by hand: sections given as (type, offset, size) over a body placed from offset 192.
 std::string container(const std::vector<tov::zan2::SectionEntry>& secs, const std::string& body,
                       uint32_t count = 0) {
   std::string f(64 + 24 * secs.size(), '\0');
