@@ -202,16 +202,11 @@ TEST(Zan2, WriterRoundTrip) {
     uint32_t u = 0;
     EXPECT_TRUE(r.getMetaU32(key, u) && u == want) << key << " " << u;
   }
-  uint64_t u64v = 0;
-  int32_t i32 = 0;
-  float f = 0;
-  std::string s;
-  const uint32_t* vals = nullptr;
-  uint32_t n = 0;
-  ASSERT_TRUE(r.getMetaU64("llama.block_count", u64v) && r.getMetaI32("neg", i32) && r.getMetaF32("eps", f) &&
-              r.getMetaStr("general.architecture", s) && r.getMetaU32Array("arr", vals, n));
-  EXPECT_EQ(std::tie(u64v, i32, f, s, n), std::make_tuple(uint64_t(64), -5, 1e-5f, std::string("llama"), 3u));
-  EXPECT_EQ(vals[2], 0xFFFFFFFFu);
+  struct { uint64_t u = 0; int32_t i = 0; float f = 0; std::string s; const uint32_t* a = nullptr; uint32_t n = 0; } g;
+  ASSERT_TRUE(r.getMetaU64("llama.block_count", g.u) && r.getMetaI32("neg", g.i) && r.getMetaF32("eps", g.f) &&
+              r.getMetaStr("general.architecture", g.s) && r.getMetaU32Array("arr", g.a, g.n));
+  EXPECT_EQ(std::tie(g.u, g.i, g.f, g.s, g.n, g.a[2]),
+            std::make_tuple(uint64_t(64), -5, 1e-5f, std::string("llama"), 3u, 0xFFFFFFFFu));
 
   TokenizerData back;
   ASSERT_TRUE(r.readTokenizer(back));
@@ -327,8 +322,7 @@ TEST(ZanApp, CollectWalksAndSkips) {
   ASSERT_EQ(paths(files), want);
   if (kPosixFiles) { EXPECT_EQ(files[3].bytes, "real.txt"); EXPECT_EQ(files[6].mode, 0755u); }
   EXPECT_EQ(files[0].mode, 0644u);
-  EXPECT_EQ(o.platform, "zanb");
-  EXPECT_EQ(o.entry, "main.zanb");
+  EXPECT_EQ(std::tie(o.platform, o.entry), std::make_tuple("zanb", "main.zanb"));
 
   std::vector<File> none;
   EXPECT_FALSE(tov::zanapp::collect((d / "nope").string(), none, o, err));
