@@ -1,6 +1,5 @@
-// Test-side module builder and runner for the bytecode machine tests.
-// Functions are appended in order; jump targets are absolute code indices,
-// as in the file, so use Prog::here() before adding a function to know its base.
+// Test-side module builder and runner for the bytecode machine tests. Functions are appended in order;
+// jump targets are absolute code indices, as in the file.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -39,9 +38,8 @@ struct Prog {
   std::vector<uint8_t> data;
   std::vector<Insn> code;
 
-  uint32_t here() const { return uint32_t(code.size()); }
   void fn(uint32_t slots, const std::vector<Insn>& body, uint32_t params = 0) {
-    funcs.push_back(FuncMeta{0, 0, params, 0, slots, 0, here(), uint32_t(body.size())});
+    funcs.push_back(FuncMeta{0, 0, params, 0, slots, 0, uint32_t(code.size()), uint32_t(body.size())});
     code.insert(code.end(), body.begin(), body.end());
   }
   void seg(uint64_t memOff, const std::string& bytes) {

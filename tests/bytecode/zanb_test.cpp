@@ -52,14 +52,10 @@ TEST(ZanbWrite, LayoutByteForByte) {
 // Each row patches up to two little-endian fields of a valid module: `one` (one function, 112 bytes, code at
 // 96) or `seg` (one segment: table at 64, blob 88..96), then keeps `size` bytes of it.
 TEST(ZanbRead, EveryFailureWithItsMessage) {
-  Module m1, m2;
-  m1.funcs = {{0, 0, 0, 0, 1, 0, 0, 1}};
-  m1.code = {{0, 0, 0, 0}};
-  m2.dataSegs = {{0, 8, 0}};
-  m2.data.assign(8, 7);
-  const std::vector<uint8_t> one = writeModule(m1), seg = writeModule(m2);
-  struct Patch { size_t off, width; uint64_t value; };
   using Bytes = std::vector<uint8_t>;
+  const Bytes one = writeModule({}, {{0, 0, 0, 0, 1, 0, 0, 1}}, {}, {}, "", {}, {{0, 0, 0, 0}});
+  const Bytes seg = writeModule({}, {}, {}, {{0, 8, 0}}, "", Bytes(8, 7), {});
+  struct Patch { size_t off, width; uint64_t value; };
   struct Row { const char* what; const Bytes& base; size_t size; std::vector<Patch> patch; const char* msg; };
   const size_t all = SIZE_MAX;  // size: the bytes kept
   const char *small = "zanb: too small", *trunc = "zanb: truncated module";
