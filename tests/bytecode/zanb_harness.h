@@ -1,6 +1,5 @@
-// Test-side module builder and runner for the bytecode machine tests.
-// Functions are appended in order; jump targets are absolute code indices,
-// as in the file, so use Prog::here() before adding a function to know its base.
+// Test-side module builder and runner for the bytecode machine tests. Functions are appended in order;
+// jump targets are absolute code indices, as in the file.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -39,9 +38,8 @@ struct Prog {
   std::vector<uint8_t> data;
   std::vector<Insn> code;
 
-  uint32_t here() const { return uint32_t(code.size()); }
   void fn(uint32_t slots, const std::vector<Insn>& body, uint32_t params = 0) {
-    funcs.push_back(FuncMeta{0, 0, params, 0, slots, 0, here(), uint32_t(body.size())});
+    funcs.push_back(FuncMeta{0, 0, params, 0, slots, 0, uint32_t(code.size()), uint32_t(body.size())});
     code.insert(code.end(), body.begin(), body.end());
   }
   void seg(uint64_t memOff, const std::string& bytes) {
@@ -84,9 +82,8 @@ struct Eval : Result {
   std::string mem;     // the dumped memory range
 };
 
-// Loads init[i] into slot i, runs body, then writes slot 0 and `dumpLen`
-// bytes from `dumpAt` to stdout. `p` may carry data segments and header
-// fields but no functions.
+// Loads init[i] into slot i, runs body, then writes slot 0 and `dumpLen` bytes from `dumpAt` to stdout. `p`
+// may carry data segments and header fields but no functions.
 inline Eval eval(const std::vector<uint64_t>& init, const std::vector<Insn>& body, Prog p = {},
                  VmConfig cfg = {}, uint32_t dumpAt = 0, uint32_t dumpLen = 0) {
   std::vector<Insn> v;
@@ -107,6 +104,17 @@ inline Eval eval(const std::vector<uint64_t>& init, const std::vector<Insn>& bod
     ADD_FAILURE() << "dump missing: stdout has " << e.out.size() << " bytes";
   }
   return e;
+}
+
+// System call `num` with its arguments in slots 10.., the result to slot 0 (preset to kMark);
+// `after` runs behind the call.
+inline Eval callSys(uint32_t num, const std::vector<uint64_t>& args, const Prog& p = {}, VmConfig cfg = {},
+                    uint32_t dumpAt = 0, uint32_t dumpLen = 0, const std::vector<Insn>& after = {}) {
+  std::vector<Insn> body;
+  for (size_t i = 0; i < args.size(); i++) body.push_back(konst(uint32_t(10 + i), args[i]));
+  body.push_back(sys(num, 0, 10));
+  body.insert(body.end(), after.begin(), after.end());
+  return eval({kMark}, body, p, cfg, dumpAt, dumpLen);
 }
 
 inline std::string hex(uint64_t v) {

@@ -1,18 +1,23 @@
-// The ZAN2 frame, the model reader's checks in their order, metadata and
-// tokenizer decoding, and round trips through the model writer. Containers
-// are built byte by byte here, independently of the writer.
+// The ZAN2 frame, the model reader's checks in their order, metadata, and round trips through the
+// model writer; app containers: collecting directories (skipped names, links, modes, entry), the
+// exact byte layout of a packed file, and hostile containers given to read. Containers are built
+// byte by byte here, independently of the writers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "container/zan2.h"
 #include "container/zan2_reader.h"
 #include "container/zan2_writer.h"
+#include "container/zan_app.h"
 #include "tests/test_tmp.h"
 
 namespace {
@@ -68,15 +73,12 @@ std::string openMessage(const std::string& bytes) {
   return res.message;
 }
 
-TEST(Zan2, Crc64) {
+TEST(Zan2, Crc64AndKindNames) {
   EXPECT_EQ(zan2::crc64("abc", 3), 0x4E585630ADB2B002ULL);
   EXPECT_EQ(zan2::crc64("", 0), 0u);
   const std::string text = "The quick brown fox jumps over the lazy dog";
   EXPECT_EQ(zan2::crc64(zan2::crc64(text.data(), 10), text.data() + 10, text.size() - 10),
             zan2::crc64(text.data(), text.size()));
-}
-
-TEST(Zan2, KindNames) {
   const char* names[] = {"model (legacy/unmarked)", "model", "plugin", "dataset", "bundle", "repo", "app",
                          "unknown-kind"};
   for (uint32_t k = 0; k < 8; ++k) EXPECT_STREQ(zan2::kindName(k), names[k]) << k;
@@ -88,7 +90,7 @@ TEST(Zan2, OpenChecksInOrder) {
   auto setU32 = [](size_t at, uint32_t v) { return [=](std::string& f) { f.replace(at, 4, u32(v)); }; };
   auto setU64 = [](size_t at, uint64_t v) { return [=](std::string& f) { f.replace(at, 8, u64(v)); }; };
   auto then = [](Patch a, Patch b) { return [=](std::string& f) { a(f), b(f); }; };
-  const Patch crc = refreshCrc;
+  const Patch crc = refreshCrc, flip70 = [](std::string& f) { f[70] ^= 1; };
   const std::string base = minimal();
   // Section 0 entry at 64, section 1 at 88, section 2 at 112.
   const struct { const char* what; std::string file; Patch patch; const char* message; } cases[] = {
@@ -100,8 +102,7 @@ TEST(Zan2, OpenChecksInOrder) {
       {"table cut", base.substr(0, 64 + 24 * 3 - 1), nullptr, "ZAN2: truncated section table"},
       {"17 sections", base + std::string(1024, '\0'), setU32(12, 17), "ZAN2: too many sections"},
       {"17 sections, short", base, setU32(12, 17), "ZAN2: truncated section table"},
-      {"crc", base, setU64(56, 1), "ZAN2: CRC mismatch"},
-      {"a table byte", base, [](std::string& f) { f[70] ^= 1; }, "ZAN2: CRC mismatch"},
+      {"crc", base, setU64(56, 1), "ZAN2: CRC mismatch"}, {"a table byte", base, flip70, "ZAN2: CRC mismatch"},
       {"no sections", base, then(setU32(12, 0), crc), "ZAN2: missing tensor index"},
       {"offset 104", base + std::string(256, '\0'), then(setU64(88 + 8, 104), crc), "ZAN2: bad section bounds"},
       {"past the end", base, then(setU64(88 + 16, 1), crc), "ZAN2: bad section bounds"},
@@ -151,25 +152,16 @@ TEST(Zan2, MetaDecoding) {
 struct Model { std::vector<std::string> data; std::vector<zan2::TensorSpec> specs; };
 
 Model sampleTensors() {
-  Model m;
-  const std::string name64(64, 'w');
-  const std::vector<std::string> names = {"tok_embd", "output.weight", name64, "blk.0.attn_q", "blk.0.attn_k", "a", "z"};
+  const std::vector<std::string> names = {"tok_embd", "output.weight", std::string(64, 'w'), "blk.0.attn_q",
+                                          "blk.0.attn_k", "a", "z"};
   const uint64_t sizes[] = {1000, 64, 63, 0, 1, 4096, 129};
   std::mt19937 rng(7);
+  Model m;
+  m.data.resize(names.size());  // sized first: the specs point into these strings
   for (size_t i = 0; i < names.size(); ++i) {
-    std::string bytes(sizes[i], '\0');
-    for (char& c : bytes) c = char(rng());
-    m.data.push_back(bytes);
-  }
-  for (size_t i = 0; i < names.size(); ++i) {
-    zan2::TensorSpec t;
-    t.name = names[i];
-    t.dtype = uint16_t(i);
-    t.ndim = uint16_t(i % 5);
-    for (int d = 0; d < 4; ++d) t.dims[d] = i * 10 + d;
-    t.data = m.data[i].data();
-    t.size = m.data[i].size();
-    t.quant = i == 2 ? 0x0123456789ABCDEFULL : i;
+    for (uint64_t k = 0; k < sizes[i]; ++k) m.data[i] += char(rng());
+    zan2::TensorSpec t{names[i], uint16_t(i), uint16_t(i % 5), {i * 10, i * 10 + 1, i * 10 + 2, i * 10 + 3},
+                       m.data[i].data(), sizes[i], i == 2 ? 0x0123456789ABCDEFULL : i};
     m.specs.push_back(t);
   }
   return m;
@@ -189,14 +181,9 @@ TEST(Zan2, WriterRoundTrip) {
   w.metaF32("eps", 1e-5f);
   const uint32_t arr[] = {1, 2, 0xFFFFFFFF};
   w.metaU32Array("arr", arr, 3);
-  TokenizerData tok;
-  tok.name = "gpt2";
-  tok.vocab = {"<s>", "</s>", std::string("\0x", 2)};
-  tok.scores = {1, 2, 3};
-  tok.tokenTypes = {3, 3, 1};
-  tok.merges = {"a b"};
-  tok.special[0] = 1;
-  tok.addBos = true;
+  const TokenizerData tok{.vocab = {"<s>", "</s>", std::string("\0x", 2)}, .scores = {1, 2, 3},
+                          .tokenTypes = {3, 3, 1}, .merges = {"a b"}, .special = {1}, .addBos = true,
+                          .name = "gpt2"};
   w.setTokenizer(tok);
   std::string err;
   for (const auto& t : m.specs) ASSERT_TRUE(w.addTensor(t, err)) << err;
@@ -207,45 +194,27 @@ TEST(Zan2, WriterRoundTrip) {
   const ZAN2Result res = r.open(path.c_str());
   ASSERT_TRUE(res.ok()) << res.message;
   EXPECT_TRUE(r.aligned64());
-  EXPECT_EQ(r.header().kind, 1);
-  EXPECT_EQ(r.header().modelType, 3u);
-  EXPECT_EQ(r.header().hiddenSize, 4096u);
-  EXPECT_EQ(r.header().layers, 32u);
-  EXPECT_EQ(r.header().tensorCount, m.specs.size());
+  const zan2::Header& h = r.header();
+  EXPECT_EQ(std::tie(h.kind, h.modelType, h.hiddenSize, h.layers, h.tensorCount),
+            std::make_tuple(uint16_t(1), 3u, 4096u, 32u, uint32_t(m.specs.size())));
 
   for (auto [key, want] : {std::pair{"container.kind", 1u}, {"container.version", 2u}, {"llama.block_count", 32u}}) {
     uint32_t u = 0;
     EXPECT_TRUE(r.getMetaU32(key, u) && u == want) << key << " " << u;
   }
-  uint64_t u64v = 0;
-  int32_t i32 = 0;
-  float f = 0;
-  std::string s;
-  EXPECT_TRUE(r.getMetaU64("llama.block_count", u64v) && u64v == 64u) << u64v;
-  EXPECT_TRUE(r.getMetaI32("neg", i32) && i32 == -5) << i32;
-  EXPECT_TRUE(r.getMetaF32("eps", f) && f == 1e-5f) << f;
-  EXPECT_TRUE(r.getMetaStr("general.architecture", s) && s == "llama") << s;
-  const uint32_t* vals = nullptr;
-  uint32_t n = 0;
-  ASSERT_TRUE(r.getMetaU32Array("arr", vals, n));
-  ASSERT_EQ(n, 3u);
-  EXPECT_EQ(vals[2], 0xFFFFFFFFu);
+  struct { uint64_t u = 0; int32_t i = 0; float f = 0; std::string s; const uint32_t* a = nullptr; uint32_t n = 0; } g;
+  ASSERT_TRUE(r.getMetaU64("llama.block_count", g.u) && r.getMetaI32("neg", g.i) && r.getMetaF32("eps", g.f) &&
+              r.getMetaStr("general.architecture", g.s) && r.getMetaU32Array("arr", g.a, g.n));
+  EXPECT_EQ(std::tie(g.u, g.i, g.f, g.s, g.n, g.a[2]),
+            std::make_tuple(uint64_t(64), -5, 1e-5f, std::string("llama"), 3u, 0xFFFFFFFFu));
 
   TokenizerData back;
   ASSERT_TRUE(r.readTokenizer(back));
-  EXPECT_EQ(back.name, tok.name);
-  EXPECT_EQ(back.vocab, tok.vocab);
-  EXPECT_EQ(back.scores, tok.scores);
-  EXPECT_EQ(back.tokenTypes, tok.tokenTypes);
-  EXPECT_EQ(back.merges, tok.merges);
-  EXPECT_EQ(back.special[0], 1u);
-  EXPECT_TRUE(back.addBos);
+  EXPECT_EQ(std::tie(back.name, back.vocab, back.scores, back.tokenTypes, back.merges, back.special[0], back.addBos),
+            std::tie(tok.name, tok.vocab, tok.scores, tok.tokenTypes, tok.merges, tok.special[0], tok.addBos));
 
-  // Every tensor's bytes start 64-aligned, and each is found by name.
+  // Every tensor is found by name, its bytes 64-aligned; the index is sorted.
   const uint8_t* weights = r.sectionData(SectionType::WeightData);
-  for (uint32_t i = 0; i < r.header().tensorCount; ++i) {
-    EXPECT_EQ((r.tensorView(i).data - weights) % 64, 0);
-  }
   for (size_t i = 0; i < m.specs.size(); ++i) {
     const zan2::TensorSpec& t = m.specs[i];
     const zan2::TensorRecord* rec = r.findTensor(t.name.c_str());
@@ -254,15 +223,11 @@ TEST(Zan2, WriterRoundTrip) {
     const TensorView v = r.tensorView(t.name.c_str());
     ASSERT_EQ(v.size, t.size) << t.name;
     EXPECT_EQ(std::memcmp(v.data, m.data[i].data(), t.size), 0) << t.name;
-    EXPECT_EQ(v.dtype, t.dtype);
-    EXPECT_EQ(v.ndim, t.ndim);
-    EXPECT_EQ(v.dims[3], t.dims[3]);
-    EXPECT_EQ(v.quant, t.quant);
+    EXPECT_EQ((v.data - weights) % 64, 0) << t.name;
+    EXPECT_EQ(std::tie(v.dtype, v.ndim, v.dims[3], v.quant), std::tie(t.dtype, t.ndim, t.dims[3], t.quant));
   }
-  for (uint32_t i = 0; i + 1 < r.header().tensorCount; ++i) {
-    const auto* recs = reinterpret_cast<const zan2::TensorRecord*>(r.sectionData(SectionType::TensorIndex));
-    EXPECT_LT(std::strncmp(recs[i].name, recs[i + 1].name, 64), 0);
-  }
+  const auto* recs = reinterpret_cast<const zan2::TensorRecord*>(r.sectionData(SectionType::TensorIndex));
+  for (uint32_t i = 0; i + 1 < h.tensorCount; ++i) EXPECT_LT(std::strncmp(recs[i].name, recs[i + 1].name, 64), 0);
   // Names compare on 64 bytes only.
   EXPECT_NE(r.findTensor((std::string(64, 'w') + "extra!").c_str()), nullptr);
 
@@ -283,16 +248,10 @@ TEST(Zan2, WriterRoundTrip) {
 TEST(Zan2, WriterRefusals) {
   zan2::ModelWriter w;
   std::string err;
-  zan2::TensorSpec t;
-  t.name = std::string(65, 'n');
-  EXPECT_FALSE(w.addTensor(t, err));
-  t.name = "x";
-  t.ndim = 5;
-  EXPECT_FALSE(w.addTensor(t, err));
+  EXPECT_FALSE(w.addTensor({std::string(65, 'n')}, err));
+  EXPECT_FALSE(w.addTensor({"x", 0, 5}, err));
   EXPECT_EQ(err, "tensor 'x' has 5 dimensions, at most 4 fit");
-  t.ndim = 1;
-  ASSERT_TRUE(w.addTensor(t, err));
-  ASSERT_TRUE(w.addTensor(t, err));
+  ASSERT_TRUE(w.addTensor({"x", 0, 1}, err) && w.addTensor({"x", 0, 1}, err)) << err;
   EXPECT_FALSE(w.write(tempPath("dup.zan").c_str(), err));
   EXPECT_EQ(err, "tensor 'x' is given twice");
 
@@ -302,6 +261,162 @@ TEST(Zan2, WriterRefusals) {
   EXPECT_TRUE(r.open(tempPath("empty-model.zan").c_str()).ok());
   EXPECT_FALSE(empty.write("/nonexistent-dir/x.zan", err));
   EXPECT_EQ(err, "cannot create /nonexistent-dir/x.zan: No such file or directory");
+}
+
+// ---- app containers ----
+
+namespace fs = std::filesystem;
+using tov::zanapp::File;
+using tov::zanapp::PackOptions;
+
+fs::path freshDir(const std::string& name) {
+  const fs::path d = fs::path(testTempDir()) / ("zanapp_" + name);
+  fs::remove_all(d);
+  fs::create_directories(d);
+  return d;
+}
+
+void put(const fs::path& p, const std::string& text, bool exec = false) {
+  fs::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << text;
+  fs::permissions(p, exec ? fs::perms(0755) : fs::perms(0644));
+}
+
+std::string slurp(const fs::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<std::string> paths(const std::vector<File>& files) {
+  std::vector<std::string> out;
+  for (const File& f : files) out.push_back(f.path);
+  return out;
+}
+
+#ifdef _WIN32
+// Windows has no execute bits (a file runs by its name) and makes symbolic links only with extra privileges.
+constexpr bool kPosixFiles = false;
+#else
+constexpr bool kPosixFiles = true;
+#endif
+
+TEST(ZanApp, CollectWalksAndSkips) {
+  const fs::path d = freshDir("collect");
+  // Each file holds its own name; node_modules is a file named like a skipped directory.
+  for (const char* f : {"main.zanb", ".gitignore", "node_modules", ".git/config", "assets/.gradle/x",
+                        "assets/img/b.png", "assets/a b.txt", "real.txt"})
+    put(d / f, f);
+  put(d / "run.sh", "#!/bin/sh\n", true);
+  if (kPosixFiles) {
+    fs::create_symlink("real.txt", d / "link.txt");
+    fs::create_symlink("missing", d / "broken");
+    fs::create_directory_symlink(d / "assets", d / "dirlink");
+  }
+  std::vector<File> files;
+  PackOptions o;
+  std::string err;
+  ASSERT_TRUE(tov::zanapp::collect(d.string(), files, o, err)) << err;
+  std::vector<std::string> want = {".gitignore", "assets/a b.txt", "assets/img/b.png", "link.txt",
+                                   "main.zanb",  "real.txt",       "run.sh"};
+  if (!kPosixFiles) want.erase(want.begin() + 3);
+  ASSERT_EQ(paths(files), want);
+  if (kPosixFiles) { EXPECT_EQ(files[3].bytes, "real.txt"); EXPECT_EQ(files[6].mode, 0755u); }
+  EXPECT_EQ(files[0].mode, 0644u);
+  EXPECT_EQ(std::tie(o.platform, o.entry), std::make_tuple("zanb", "main.zanb"));
+
+  std::vector<File> none;
+  EXPECT_FALSE(tov::zanapp::collect((d / "nope").string(), none, o, err));
+  EXPECT_EQ(err, "'" + (d / "nope").string() + "' is not a directory");
+  const fs::path empty = freshDir("empty");
+  put(empty / ".git/HEAD", "x");
+  EXPECT_FALSE(tov::zanapp::collect(empty.string(), none, o, err));
+  EXPECT_EQ(err, "no files under '" + empty.string() + "'");
+}
+
+TEST(ZanApp, PackLayoutByteByByte) {
+  const fs::path out = freshDir("layout") / "a.zan";
+  PackOptions o;
+  o.name = "t\"q";
+  o.extra = "\"icon\":\"i.png\",\"n\":3";
+  std::vector<File> files = {{"b.bin", std::string(70, 'b'), 0644}, {"a.zanb", "ZANBxyz", 0755}};
+  std::string err;
+  ASSERT_TRUE(tov::zanapp::pack(out.string(), o, files, err)) << err;
+  const std::string f = slurp(out);
+  const uint8_t* b = reinterpret_cast<const uint8_t*>(f.data());
+  const tov::zan2::Header h = tov::zan2::decodeHeader(b);
+  EXPECT_TRUE(h.magicOk());
+  EXPECT_EQ(std::tie(h.version, h.sectionCount, h.kind), std::make_tuple(2u, 3u, uint16_t(6)));
+  EXPECT_EQ(h.modelType + h.hiddenSize + h.layers + h.vocab + h.tensorCount, 0u);
+  EXPECT_EQ(h.crc, tov::zan2::crc64((f.substr(0, 56) + f.substr(64, 72)).data(), 128));
+  EXPECT_EQ(f.substr(136, 56), std::string(56, '\0'));
+
+  const std::string manifest =
+      "{\"kind\":\"zanb-app\",\"name\":\"t\\\"q\",\"version\":\"0.1.0\",\"desc\":\"\",\"platform\":\"zanb\","
+      "\"entry\":\"a.zanb\",\"flutter\":false,\"icon\":\"i.png\",\"n\":3,\"indexSection\":2,\"payloadSection\":1}\n";
+  // Manifest, payload, index: type, offset and bytes; the file ends with the index.
+  const uint64_t payAt = (manifest.size() + 255) / 64 * 64, idxAt = (payAt + 77 + 63) / 64 * 64;
+  const std::tuple<uint32_t, uint64_t, std::string> want[] = {
+      {13, 192, manifest}, {14, payAt, "ZANBxyz" + std::string(70, 'b')},
+      {15, idxAt, "755 0 7 a.zanb\n644 7 70 b.bin\n"}};
+  for (int i = 0; i < 3; ++i) {
+    const tov::zan2::SectionEntry s = tov::zan2::decodeSection(b + 64 + 24 * i);
+    EXPECT_EQ(std::make_tuple(s.type, s.offset, f.substr(s.offset, s.size)), want[i]) << i;
+    EXPECT_EQ(s.flags, 0u);
+  }
+  EXPECT_EQ(f.size(), idxAt + std::get<2>(want[2]).size());
+}
+
+// A container built by hand: sections given as (type, offset, size) over a body placed from offset 192.
+std::string container(const std::vector<tov::zan2::SectionEntry>& secs, const std::string& body,
+                      uint32_t count = 0) {
+  std::string f(64 + 24 * secs.size(), '\0');
+  tov::zan2::Header h;
+  std::memcpy(h.magic, "ZAN2", 4);
+  h.sectionCount = count ? count : uint32_t(secs.size());
+  tov::zan2::encodeHeader(h, reinterpret_cast<uint8_t*>(f.data()));
+  for (size_t i = 0; i < secs.size(); ++i)
+    tov::zan2::encodeSection(secs[i], reinterpret_cast<uint8_t*>(f.data() + 64 + 24 * i));
+  f.resize(std::max<size_t>(f.size(), 192), '\0');
+  return f + body;
+}
+
+TEST(ZanApp, HostileContainers) {
+  const std::string idx = "644 0 3 ok.txt\n644 1 2 ../evil\n644 0 1 a..b\n644 0 1 \n6440 1 x\n644 2 1 last.txt\nno-nl";
+  const uint64_t payAt = 192, idxAt = 192 + 8;
+  const std::string body = std::string("PAY") + std::string(5, '\0') + idx;
+  const std::string huge = "644 18446744073709551615 2 w\n";  // offset + size wraps
+  const char* notApp = "not an app container (no AppPayload/AppIndex)";
+  const tov::zan2::SectionEntry pay{14, 0, payAt, 3}, index{15, 0, idxAt, idx.size()};
+  const struct { std::string file; const char* err; const char* manifest = "kept"; } cases[] = {  // err null: reads
+      {"", "cannot read @"}, {std::string(63, 'Z'), "cannot read @"},
+      {"ZAN3" + std::string(100, '\0'), "not an ZAN container"}, {container({}, "", 0), "bad section count"},
+      {container({}, "", 65537), "bad section count"}, {container({pay}, body), notApp},
+      {container({}, "", 5).substr(0, 64 + 24 * 5 - 1), "truncated section table"},
+      {container({{1, 0, 192, 4}, {4, 0, 196, 0}, {5, 0, 196, 0}}, "meta"), notApp},
+      {container({pay, {15, 0, idxAt, 1 << 20}}, body), "section out of bounds"},
+      {container({{14, 0, ~0ULL, 2}, index}, body), "section out of bounds"},
+      {container({pay, index}, body), nullptr},  // no manifest: left as it was
+      // The last manifest entry counts.
+      {container({{13, 0, 400, 5}, pay, index, {13, 0, 192, 3}}, body), nullptr, "PAY"},
+      {container({{14, 0, payAt, 2}, index}, body), "entry out of bounds: ok.txt"},
+      {container({pay, {15, 0, idxAt, huge.size()}}, body.substr(0, 8) + huge), "entry out of bounds: w"},
+  };
+  const std::string path = (freshDir("hostile") / "h.zan").string();
+  for (const auto& c : cases) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << c.file;
+    std::string manifest = "kept", err;
+    std::vector<File> files;
+    const bool ok = tov::zanapp::read(path, manifest, files, err);
+    if (!c.err) {
+      ASSERT_TRUE(ok) << err;
+      EXPECT_EQ(manifest, c.manifest);
+      ASSERT_EQ(paths(files), (std::vector<std::string>{"ok.txt", "last.txt"}));
+      EXPECT_EQ(std::tie(files[0].bytes, files[1].bytes), std::make_tuple("PAY", "Y"));
+      continue;
+    }
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(err, std::string(c.err) == "cannot read @" ? "cannot read " + path : c.err);
+  }
 }
 
 }  // namespace

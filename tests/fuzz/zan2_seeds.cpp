@@ -12,11 +12,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   static const char kBytes[1024] = {1, 2, 3};
-  tov::TokenizerData tok;
-  tok.name = "spm";
-  tok.vocab = {"<s>", "a", "b"};
-  tok.scores = {0, 1, 2};
-  tok.merges = {"a b"};
+  const tov::TokenizerData tok{.vocab = {"<s>", "a", "b"}, .scores = {0, 1, 2}, .tokenTypes = {}, .merges = {"a b"},
+                               .special = {}, .addBos = false, .name = "spm"};
+  std::string err;
+  auto failed = [&] { return std::fprintf(stderr, "zan2_seeds: %s\n", err.c_str()), 1; };
   for (int n = 0; n < 3; ++n) {
     tov::zan2::ModelWriter w;
     w.metaStr("general.architecture", "llama");
@@ -27,23 +26,9 @@ int main(int argc, char** argv) {
     const uint32_t arr[] = {1, 2, 3};
     w.metaU32Array("arr", arr, 3);
     if (n > 0) w.setTokenizer(tok);
-    std::string err;
-    for (int t = 0; t < n * 2; ++t) {
-      tov::zan2::TensorSpec s;
-      s.name = "blk." + std::to_string(t) + ".w";
-      s.ndim = 2;
-      s.dims[0] = 10;
-      s.dims[1] = 3;
-      s.data = kBytes;
-      s.size = 30 + 100 * t;
-      s.quant = n == 2 ? 8 : 0;
-      w.addTensor(s, err);
-    }
-    const std::string path = std::string(argv[1]) + "/seed" + std::to_string(n) + ".zan";
-    if (!w.write(path.c_str(), err)) {
-      std::fprintf(stderr, "zan2_seeds: %s\n", err.c_str());
-      return 1;
-    }
+    for (int t = 0; t < n * 2; ++t)
+      w.addTensor({"blk." + std::to_string(t) + ".w", 0, 2, {10, 3}, kBytes, 30 + 100u * t, n == 2 ? 8u : 0u}, err);
+    if (!w.write((std::string(argv[1]) + "/seed" + std::to_string(n) + ".zan").c_str(), err)) return failed();
   }
   for (int n = 0; argc == 3 && n < 2; ++n) {
     tov::zanapp::PackOptions o;
@@ -51,11 +36,8 @@ int main(int argc, char** argv) {
     o.extra = n ? "\"icon\":\"a.png\"" : "";
     std::vector<tov::zanapp::File> files = {{"main.zana", "func 0 main slots=1\nret\n", 0644},
                                             {"lib/a b.txt", std::string(40 * n, 'x'), 0755}};
-    std::string err;
-    if (!tov::zanapp::pack(std::string(argv[2]) + "/app" + std::to_string(n) + ".zan", o, files, err)) {
-      std::fprintf(stderr, "zan2_seeds: %s\n", err.c_str());
-      return 1;
-    }
+    if (!tov::zanapp::pack(std::string(argv[2]) + "/app" + std::to_string(n) + ".zan", o, files, err))
+      return failed();
   }
   return 0;
 }
