@@ -69,7 +69,7 @@ TEST(HttpFetcher, CatalogAndJobsOverStaticServer) {
   for (int j = 1; j <= 5; ++j) EXPECT_EQ(c.report(j) + std::to_string(c.state(j)), reports[j - 1] + "1");
 
   EXPECT_FALSE(f->owns(out));
-  EXPECT_EQ(f->state(file) * 100 + f->state(bad) * 10 + f->state(99), 124);
+  EXPECT_EQ(f->state(file) * 100 + f->state(bad) * 10 + f->state(bad + 1), 124);
   EXPECT_EQ(f->got(file) * 10 + f->total(file), 55u);
   std::ifstream in(out, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), data);
