@@ -106,7 +106,7 @@ uint16_t randomHalf(std::mt19937& rng, int lo, int hi) {
 
 Weights makeWeights(DType t, size_t rows, size_t cols, uint32_t seed) {
   std::mt19937 rng(seed);
-  Weights w{t, rows, cols, rowBytes(t, cols), {}, 1 + seed % 7};
+  Weights w{t, rows, cols, rowBytes(t, cols), {}, 1 + seed % 7, {}};
   w.storage.resize(w.offset + rows * w.rowBytes);
   uint8_t* p = w.storage.data() + w.offset;
   auto put16 = [](uint8_t* q, uint16_t v) { q[0] = uint8_t(v); q[1] = uint8_t(v >> 8); };

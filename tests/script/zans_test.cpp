@@ -84,7 +84,7 @@ std::vector<Case> readCases(const std::filesystem::path& path) {
   std::string line, block;
   while (std::getline(in, line)) {
     if (line.rfind("=== ", 0) == 0) {
-      cases.push_back({path.filename().string() + ": " + line.substr(4)});
+      cases.push_back({path.filename().string() + ": " + line.substr(4), {}});
       block = "source";
     } else if (cases.empty()) {
     } else if (line.rfind("--- ", 0) == 0) {
@@ -129,7 +129,7 @@ int compileAndRun(const std::string& source, tov::zanb::VmConfig& cfg, std::stri
                   const std::string* listing = nullptr) {
   tov::zanb::Module m;
   if (!tov::zans::compile(source, m, err)) return -1000;
-  if (listing) EXPECT_EQ(tov::zanb::disassemble(m), *listing);
+  if (listing) { EXPECT_EQ(tov::zanb::disassemble(m), *listing); }
   const std::vector<uint8_t> bytes = tov::zanb::writeModule(m);
   return tov::zanb::runModule(bytes.data(), bytes.size(), cfg, err);
 }
@@ -155,7 +155,7 @@ TEST(Zans, Cases) {
       EXPECT_EQ(compileAndRun(c.block["source"], cfg, err, c.block.count("listing") ? &c.block["listing"] : nullptr),
                 c.exit) << err;
       EXPECT_EQ(out, c.block["stdout"]);
-      if (c.block.count("host")) EXPECT_EQ(host.log.str(), c.block["host"]);
+      if (c.block.count("host")) { EXPECT_EQ(host.log.str(), c.block["host"]); }
     }
 }
 
@@ -195,7 +195,7 @@ TEST(Zans, HostileSources) {
     cfg.stepLimit = 10'000'000;
     std::string err;
     EXPECT_EQ(compileAndRun(c.source, cfg, err), c.error.empty() ? c.exit : -1000) << c.source.substr(0, 40);
-    if (!c.error.empty()) EXPECT_EQ(err, c.error) << c.source.substr(0, 40);
+    if (!c.error.empty()) { EXPECT_EQ(err, c.error) << c.source.substr(0, 40); }
   }
 }
 
