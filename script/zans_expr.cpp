@@ -263,6 +263,22 @@ bool Compiler::mulExpr(const Line& line, size_t& pos, EValue& out, std::string& 
   }
 }
 
+// The operand of a prefix "-" or "not": a number in slot `s`, the constant 0 in `z`,
+// and `out` reset to a fresh result slot.
+bool Compiler::prefixOperand(const Line& line, size_t& pos, EValue& v, uint32_t& z, uint32_t& s, EValue& out,
+                             std::string& error) {
+  if (!unary(line, pos, v, error)) return false;
+  if (v.isString || v.slot < 0) {
+    error = at(line) + kNotNumber;
+    return false;
+  }
+  z = constF64(0.0);
+  if (!numSlot(line, v, s, error)) return false;
+  out = EValue{};
+  out.slot = int32_t(newSlot());
+  return true;
+}
+
 bool Compiler::unary(const Line& line, size_t& pos, EValue& out, std::string& error) {
   DepthGuard guard(exprDepth);
   if (exprDepth > kMaxExprDepth) {
@@ -271,18 +287,9 @@ bool Compiler::unary(const Line& line, size_t& pos, EValue& out, std::string& er
   }
   const size_t n = line.tokens.size();
   if (isOp(line, pos, "-")) {
-    ++pos;
     EValue v;
-    if (!unary(line, pos, v, error)) return false;
-    if (v.isString || v.slot < 0) {
-      error = at(line) + kNotNumber;
-      return false;
-    }
-    const uint32_t z = constF64(0.0);
-    uint32_t s;
-    if (!numSlot(line, v, s, error)) return false;
-    out = EValue{};
-    out.slot = int32_t(newSlot());
+    uint32_t z, s;
+    if (!prefixOperand(line, ++pos, v, z, s, out, error)) return false;
     emit(op(Op_sub, kF64), uint32_t(out.slot), z, s);
     if (v.isConst) {
       out.isConst = true;
@@ -293,18 +300,9 @@ bool Compiler::unary(const Line& line, size_t& pos, EValue& out, std::string& er
   if (pos >= n || line.tokens[pos].kind != kIdent) return primary(line, pos, out, error);
   const std::string& w = line.tokens[pos].text;
   if (w == "not") {
-    ++pos;
     EValue v;
-    if (!unary(line, pos, v, error)) return false;
-    if (v.isString || v.slot < 0) {
-      error = at(line) + kNotNumber;
-      return false;
-    }
-    const uint32_t z = constF64(0.0);
-    uint32_t s;
-    if (!numSlot(line, v, s, error)) return false;
-    out = EValue{};
-    out.slot = int32_t(newSlot());
+    uint32_t z, s;
+    if (!prefixOperand(line, ++pos, v, z, s, out, error)) return false;
     out.isInt = true;
     emit(op(Op_eq, kF64), uint32_t(out.slot), s, z);
     return true;

@@ -122,6 +122,8 @@ struct Compiler {
   bool addExpr(const Line& line, size_t& pos, EValue& out, std::string& error);
   bool mulExpr(const Line& line, size_t& pos, EValue& out, std::string& error);
   bool unary(const Line& line, size_t& pos, EValue& out, std::string& error);
+  bool prefixOperand(const Line& line, size_t& pos, EValue& v, uint32_t& z, uint32_t& s, EValue& out,
+                     std::string& error);
   bool primary(const Line& line, size_t& pos, EValue& out, std::string& error);
   bool callUser(const Line& line, size_t& pos, const std::string& name, EValue& out, std::string& error);
   bool tableLiteral(const Line& line, size_t& pos, EValue& out, std::string& error);
