@@ -3,7 +3,6 @@
 // intermediate value gets a fresh slot; nothing is reused or optimised.
 // Built-in words reach the host through numbered system calls.
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 
 #include "script/zans_impl.h"
@@ -208,11 +207,6 @@ bool Compiler::cmpExpr(const Line& line, size_t& pos, EValue& out, std::string& 
 }
 
 bool Compiler::addExpr(const Line& line, size_t& pos, EValue& out, std::string& error) {
-  if (debug) {
-    const bool end = pos >= line.tokens.size();
-    std::fprintf(stderr, "[zans] addExpr p=%zu/%zu tok='%s' kind=%d\n", pos, line.tokens.size(),
-                 end ? "-" : line.tokens[pos].text.c_str(), end ? -1 : line.tokens[pos].kind);
-  }
   if (!mulExpr(line, pos, out, error)) return false;
   for (;;) {
     Op o;
@@ -227,9 +221,6 @@ bool Compiler::addExpr(const Line& line, size_t& pos, EValue& out, std::string& 
     out = EValue{};
     out.slot = int32_t(newSlot());
     emit(op(o, kF64), uint32_t(out.slot), ls, rs);
-    if (debug)
-      std::fprintf(stderr, "[zans] addExpr emitted %s out=%d r=%d code=%zu\n", opName(o), out.slot, int(rs),
-                   mod.code.size());
   }
 }
 
@@ -371,11 +362,6 @@ bool Compiler::callUser(const Line& line, size_t& pos, const std::string& name, 
   out = EValue{};
   out.slot = int32_t(newSlot());
   emit(op(Op_call), uint32_t(out.slot), uint32_t(f.index), base);
-  if (debug) {
-    std::fprintf(stderr, "[zans] call %s done p=%zu/%zu next=", name.c_str(), pos, line.tokens.size());
-    for (size_t i = pos; i < line.tokens.size(); ++i) std::fprintf(stderr, " '%s'", line.tokens[i].text.c_str());
-    std::fputc('\n', stderr);
-  }
   return true;
 }
 

@@ -83,8 +83,6 @@ struct Compiler {
   int exprDepth = 0;
   int blockDepth = 0;
   bool dataOverflow = false;
-  bool debug = false;
-  bool ui2Debug = false;
 
   explicit Compiler(const std::string& src, zanb::Module& m) : source(src), mod(m) {}
 

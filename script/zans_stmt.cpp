@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <cstdio>
-#include <cstdlib>
 
 #include "script/zans_impl.h"
 
@@ -291,9 +289,6 @@ bool Compiler::emitStmt(size_t& li, int32_t indent, std::string& error) {
     }
     EValue v;
     if (!orExpr(line, pos, v, error)) return false;
-    if (debug)
-      std::fprintf(stderr, "[zans] exit expr: p=%zu/%zu slot=%d isBool=%d newInsn=%zu\n", pos, t.size(), v.slot,
-                   int(v.isInt), mod.code.size());
     uint32_t s;
     if (!intSlot(line, v, s, error)) return false;
     const uint32_t a = newSlot();
@@ -552,8 +547,6 @@ bool compile(const std::string& source, zanb::Module& out, std::string& error) {
   out = zanb::Module{};
   error.clear();
   Compiler c(source, out);
-  c.debug = std::getenv("ZANS_DEBUG") != nullptr;
-  c.ui2Debug = std::getenv("ZANS_UI2_DEBUG") != nullptr;
   if (!c.lex(error) || !c.compileAll(error)) {
     out = zanb::Module{};
     return false;

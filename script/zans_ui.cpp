@@ -3,7 +3,6 @@
 // stream is the tree in prefix order. Also the statements that serve widget
 // programs (ui, uitheme, show, buf, strcopy, storetext, fmt).
 #include <cmath>
-#include <cstdio>
 #include <functional>
 
 #include "script/zans_impl.h"
@@ -108,10 +107,7 @@ bool Compiler::ui2Stmt(size_t& li, int32_t indent, std::string& error) {
   int code = -1;
   for (const auto& k : kWords)
     if (w == k.word) code = k.code;
-  if (code < 0) {
-    if (ui2Debug) std::fprintf(stderr, "[ui2] line %d: '%s' is not a widget statement\n", line.lineNo, w.c_str());
-    return false;
-  }
+  if (code < 0) return false;
   if (code == 9 && isKind(line, 1, kNumber)) return false;  // the draw statement `text x y ...`
 
   size_t pos = 1;
